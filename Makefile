@@ -1,0 +1,39 @@
+# The two commands a newcomer needs: `make test` and `make demo`.
+# Each installs what is missing (scripts/install-deps) and works from a fresh clone.
+
+BUILD_DIR ?= build
+BUILD_TYPE ?= Release
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+CMAKE_FLAGS ?=
+
+GFIT := $(BUILD_DIR)/tools/gfit
+
+.PHONY: all deps configure build test demo bench clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+configure: deps
+	@cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_FLAGS) >/dev/null
+
+build: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	@ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
+
+demo: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_cli
+	@echo "== plane through data/plane.xyz"
+	@$(GFIT) fit plane data/plane.xyz
+	@echo "== 3-D line through data/line.xyz"
+	@$(GFIT) fit line3 data/line.xyz
+
+bench: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_benchmarks
+	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done
+
+clean:
+	@rm -rf $(BUILD_DIR)

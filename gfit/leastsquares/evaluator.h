@@ -1,0 +1,36 @@
+// The front end of the least-squares element fits: one static entry per element and input
+// variant, each taking the measured points and returning the element, its residual and a
+// status.
+//
+// Conventions shared by every entry:
+//  - status 1: the fit succeeded and every output holds the result; 0: refused or failed;
+//  - inputs first, outputs after them; a refusal (too few points, a non-finite coordinate,
+//    an unusable plane) writes no output;
+//  - the residual is the RMS distance of the points from the fitted element;
+//  - a fit in a given plane (entries ending in 2 that take 3-D points) maps the points into
+//    that plane's coordinates (gfUtils::ProjectPointsToPlane), fits in 2-D and maps the
+//    result back.
+// Every entry works on its arguments and locals only, so concurrent calls are safe.
+#pragma once
+
+#include "gfit/gfit_export.h"
+#include "gfit/platform/arrays.h"
+
+class GFIT_EXPORT gfLeastSquareEvaluator {
+ public:
+  // Least-squares lines and planes, closed form (at least 2 points for lines, 3 for planes).
+  // The point output is the centroid. The direction (normal) is the right singular vector
+  // of the centred points with the largest (smallest) singular value, the first of equal
+  // ones; its sign is whatever the decomposition gives.
+  // The lines return 0 when all points coincide, with the outputs written (the direction is
+  // then meaningless). The plane makes no such test: collinear or coincident points give 1,
+  // with the normal taken from the first of the zero singular values.
+  static int evaluate_line(giPoint2coDynArr const& points, giPoint2& point, giUnitVec2& direction, double& residual);
+  static int evaluate_line3(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction, double& residual);
+  static int evaluate_plane(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& normal, double& residual);
+  // The line in the plane (origin, normal), mapped back into space. Its residual is taken
+  // in space over the given points, so it includes their heights above the plane. Returns
+  // the status of the in-plane line; its outputs are written whenever that line ran.
+  static int evaluate_line2(giPoint3 const& origin, giUnitVec3 const& normal, giPoint3coDynArr const& points,
+                            giPoint3& point, giUnitVec3& direction, double& residual);
+};

@@ -1,0 +1,275 @@
+#include "gfit/platform/levenberg_marquardt.h"
+
+#include <Eigen/Dense>
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "gfit/platform/qr_accumulator.h"
+
+using gfit::detail::TriangularAccumulator;
+
+namespace {
+constexpr int kBlock = TriangularAccumulator::block_rows;
+// Singular values of the scaled factor at or below this fraction of the largest carry no
+// information the data can support; the step leaves those directions alone.
+constexpr double kRankTolerance = 1e-12;
+
+// Folds the rows [J_i | d_i] of every point, at the problem's current parameters, into the
+// factor (n_parameters + 1 columns). Returns the sum of the squared-distance terms, summed
+// block by block.
+double accumulate(mlDistanceLeastSquares const& problem, TriangularAccumulator& acc, double* squares) {
+  const int m = problem.n_parameters(), n = problem.n_points();
+  acc.reset(m + 1);
+  double* buffer = acc.buffer();
+  double sum = 0.0;
+  for (int first = 0; first < n; first += kBlock) {
+    const int count = std::min(kBlock, n - first);
+    problem.evaluate_block(first, count, buffer + m * kBlock, squares, buffer, kBlock);
+    double block_sum = 0.0;
+    for (int k = 0; k < count; ++k) block_sum += squares[k];
+    sum += block_sum;
+    acc.absorb(count);
+  }
+  return sum;
+}
+
+// Root-mean-square of Jacobian column j, read off the factor (its columns have the norms
+// of J's columns).
+double column_rms(TriangularAccumulator const& acc, int j, int n) {
+  double s = 0.0;
+  for (int i = 0; i <= j; ++i) s += acc.r(i, j) * acc.r(i, j);
+  return std::sqrt(s / n);
+}
+}  // namespace
+
+// ---- the problem base -------------------------------------------------------------------
+
+mlDistanceLeastSquares::mlDistanceLeastSquares(int n_parameters, int n_points)
+    : parameters_(n_parameters), n_parameters_(n_parameters), n_points_(n_points),
+      gradient_scratch_(n_parameters) {}
+
+mlDistanceLeastSquares::~mlDistanceLeastSquares() = default;
+
+void mlDistanceLeastSquares::set_parameters(mlVector const& p) { parameters_ = p; }
+
+double mlDistanceLeastSquares::get_last_square_distance() const { return last_distance_ * last_distance_; }
+
+int mlDistanceLeastSquares::n_independent_parameters() const { return n_parameters_; }
+
+void mlDistanceLeastSquares::parameter_scales(mlVector& scales) const {
+  scales.resize(n_parameters_);
+  scales.fill(0.0);
+}
+
+void mlDistanceLeastSquares::evaluate_block(int first, int count, double* distances, double* squares,
+                                            double* jacobian, int ld) const {
+  mlVector& g = gradient_scratch_;
+  if (g.size() < n_parameters_) g.resize(n_parameters_);
+  for (int k = 0; k < count; ++k) {
+    double d = 0.0;
+    get_distance_and_gradient(d, g, first + k);
+    last_distance_ = d;
+    distances[k] = d;
+    squares[k] = get_last_square_distance();
+    if (jacobian)
+      for (int j = 0; j < n_parameters_; ++j) jacobian[j * ld + k] = g[j];
+  }
+}
+
+void mlDistanceLeastSquares::evaluate_distances(int first, int count, double* distances, double* squares) const {
+  for (int k = 0; k < count; ++k) {
+    double d = 0.0;
+    get_distance(d, first + k);
+    last_distance_ = d;
+    distances[k] = d;
+    squares[k] = get_last_square_distance();
+  }
+}
+
+double mlDistanceLeastSquares::sum_of_squares() const {
+  double distances[kBlock], squares[kBlock];
+  double sum = 0.0;
+  for (int first = 0; first < n_points_; first += kBlock) {
+    const int count = std::min(kBlock, n_points_ - first);
+    evaluate_distances(first, count, distances, squares);
+    double block_sum = 0.0;
+    for (int k = 0; k < count; ++k) block_sum += squares[k];
+    sum += block_sum;
+  }
+  return sum;
+}
+
+double mlDistanceLeastSquares::point_distribution_quality(mlVector const& parameters) {
+  const int m = n_parameters_, n = n_points_;
+  const int k = n_independent_parameters();
+  set_parameters(parameters);
+  if (n == 0 || k < 1 || k > m) return 0.0;
+  TriangularAccumulator acc(m + 1);
+  std::vector<double> squares(kBlock);
+  accumulate(*this, acc, squares.data());
+  mlVector scales;
+  parameter_scales(scales);
+  Eigen::MatrixXd a = Eigen::MatrixXd::Zero(m, m);
+  for (int j = 0; j < m; ++j) {
+    double s = j < scales.size() && scales[j] > 0.0 && std::isfinite(scales[j]) ? scales[j] : 1.0;
+    for (int i = 0; i <= j; ++i) a(i, j) = acc.r(i, j) / s;
+  }
+  Eigen::JacobiSVD<Eigen::MatrixXd> svd(a);
+  double q = svd.singularValues()[k - 1] / std::sqrt(static_cast<double>(n));
+  return std::isfinite(q) ? q : 0.0;
+}
+
+// ---- the solver -------------------------------------------------------------------------
+
+double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
+  const int m = problem_.n_parameters();
+  const int n = problem_.n_points();
+  const double tol = strict_ ? strict_tolerance : default_tolerance;
+  const double stationary_tol = std::max(tol, 4.0 * std::numeric_limits<double>::epsilon());
+  iterations_ = 0;
+
+  mlVector p(m);
+  for (int j = 0; j < m && j < start.size(); ++j) p[j] = start[j];
+  problem_.normalize_parameters(p);
+  problem_.set_parameters(p);
+  result = p;
+  if (n == 0) {
+    termination_ = no_points;
+    return 0.0;
+  }
+
+  const int rank_limit = std::clamp(problem_.n_independent_parameters(), 0, m);
+  TriangularAccumulator acc(m + 1), trial_acc(m + 1);
+  std::vector<double> squares(kBlock);
+  double ssr = accumulate(problem_, acc, squares.data());
+  if (!std::isfinite(ssr)) {
+    termination_ = non_finite_start;
+    return ssr / n;
+  }
+
+  // The damping diagonal: the problem's sensitivities, or the Jacobian's column RMS at the
+  // start where the problem gives none.
+  mlVector scales;
+  problem_.parameter_scales(scales);
+  Eigen::VectorXd D(m);
+  for (int j = 0; j < m; ++j) {
+    double s = j < scales.size() ? scales[j] : 0.0;
+    if (!(s > 0.0) || !std::isfinite(s)) s = column_rms(acc, j, n);
+    if (!(s > 0.0) || !std::isfinite(s)) s = 1.0;
+    D[j] = s;
+  }
+  auto scaled_norm = [&](mlVector const& x) {
+    double s = 0.0;
+    for (int j = 0; j < m; ++j) s += (D[j] * x[j]) * (D[j] * x[j]);
+    return std::sqrt(s);
+  };
+
+  Eigen::MatrixXd a_mat(m, m);
+  Eigen::VectorXd g(m), a(m), zc(m), z(m);
+  mlVector trial(m);
+  double delta = -1.0;  // trust radius; the first step is the Gauss-Newton step
+  termination_ = iteration_limit;
+
+  for (;;) {
+    if (ssr == 0.0) {
+      termination_ = zero_residual;
+      break;
+    }
+    if (iterations_ >= max_iterations_) {
+      termination_ = iteration_limit;
+      break;
+    }
+    // The scaled factor R D^-1 and the residual projected onto J's range (Q^T r).
+    for (int i = 0; i < m; ++i) {
+      for (int j = 0; j < m; ++j) a_mat(i, j) = j >= i ? acc.r(i, j) / D[j] : 0.0;
+      g[i] = acc.r(i, m);
+    }
+    Eigen::JacobiSVD<Eigen::MatrixXd> svd(a_mat, Eigen::ComputeFullU | Eigen::ComputeFullV);
+    Eigen::VectorXd const& sigma = svd.singularValues();
+    int r = 0;
+    while (r < rank_limit && sigma[r] > kRankTolerance * sigma[0]) ++r;
+    a.noalias() = svd.matrixU().transpose() * g;
+    double predicted_gn = 0.0;
+    for (int i = 0; i < r; ++i) predicted_gn += a[i] * a[i];
+    if (r == 0 || predicted_gn <= stationary_tol * ssr) {
+      termination_ = stationary;
+      break;
+    }
+
+    // |D d(lambda)| for the damped step; lambda = 0 is Gauss-Newton.
+    auto step_norm = [&](double lambda) {
+      double s = 0.0;
+      for (int i = 0; i < r; ++i) {
+        double c = sigma[i] * a[i] / (sigma[i] * sigma[i] + lambda);
+        s += c * c;
+      }
+      return std::sqrt(s);
+    };
+    double gn_norm = step_norm(0.0);
+    if (delta < 0.0) delta = gn_norm;
+    double lambda = 0.0;
+    if (gn_norm > delta) {
+      // Newton's method on 1/|z(lambda)| = 1/delta from lambda = 0 (Moré); it rises
+      // monotonically to the root, which is accepted within 10%.
+      double zn = gn_norm;
+      for (int it = 0; it < 60 && std::fabs(zn - delta) > 0.1 * delta; ++it) {
+        double s3 = 0.0;
+        for (int i = 0; i < r; ++i) {
+          double q = sigma[i] * sigma[i] + lambda;
+          s3 += sigma[i] * sigma[i] * a[i] * a[i] / (q * q * q);
+        }
+        if (!(s3 > 0.0)) break;
+        lambda += (zn - delta) * zn * zn / (delta * s3);
+        zn = step_norm(lambda);
+      }
+    }
+    double predicted = 0.0, znorm = 0.0;
+    zc.setZero();
+    for (int i = 0; i < r; ++i) {
+      double q = sigma[i] * sigma[i] + lambda;
+      zc[i] = -sigma[i] * a[i] / q;
+      znorm += zc[i] * zc[i];
+      double keep = lambda / q;
+      predicted += a[i] * a[i] * (1.0 - keep * keep);
+    }
+    znorm = std::sqrt(znorm);
+    z.noalias() = svd.matrixV() * zc;
+
+    for (int j = 0; j < m; ++j) trial[j] = p[j] + z[j] / D[j];
+    problem_.normalize_parameters(trial);
+    problem_.set_parameters(trial);
+    double ssr_trial = accumulate(problem_, trial_acc, squares.data());
+    ++iterations_;
+
+    double reduction = ssr - ssr_trial;
+    double rho = predicted > 0.0 ? reduction / predicted : -1.0;  // NaN when the trial is not finite
+    if (!(rho >= 0.25))
+      delta = 0.25 * std::min(delta, znorm);
+    else if (rho >= 0.75 || lambda == 0.0)
+      delta = std::max(delta, 2.0 * znorm);
+
+    const double ssr_before = ssr;
+    const bool accepted = rho >= 1e-4;
+    if (accepted) {
+      p = trial;
+      ssr = ssr_trial;
+      std::swap(acc, trial_acc);
+    } else {
+      problem_.set_parameters(p);
+    }
+    if (accepted && std::fabs(reduction) <= tol * ssr_before && predicted <= tol * ssr_before) {
+      termination_ = small_reduction;
+      break;
+    }
+    const double resolution = tol * (scaled_norm(p) + tol);
+    if (delta <= resolution || (accepted && znorm <= resolution)) {
+      termination_ = small_step;
+      break;
+    }
+  }
+  result = p;
+  return ssr / n;
+}

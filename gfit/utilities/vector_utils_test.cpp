@@ -1,0 +1,112 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "gfit/gfit.h"
+#include "test/support/samplers.h"
+
+namespace {
+
+TEST(GfUtils, OrthogonalUsesAStrictReferenceAxisTest) {
+  giVector3 out;
+  gfUtils::get_orthogonal(giVector3(1, 1, 0), out);  // |x| > |y| is false: x axis
+  EXPECT_NEAR(out.x(), 0.0, 1e-15);
+  EXPECT_NEAR(out.z(), -1.0, 1e-15);
+  gfUtils::get_orthogonal(giVector3(2, 1, 0), out);  // y axis: (2,1,0) x (0,1,0) = (0,0,2)
+  EXPECT_NEAR(out.z(), 1.0, 1e-15);
+  gfUtils::get_orthogonal(giVector3(0, 0, 0), out);
+  EXPECT_TRUE(out.invalid());
+}
+
+TEST(GfUtils, QuickAngleOrdersDirections) {
+  giUnitVec2 a(1, 0);
+  EXPECT_EQ(gfUtils::quick_angle(a, a), -2.0);
+  EXPECT_EQ(gfUtils::quick_angle(a, -a), 0.0);
+  double previous = -2.0;
+  for (int deg = 10; deg < 360; deg += 10) {
+    double q = gfUtils::quick_angle(a, giUnitVec2(std::cos(deg * M_PI / 180), std::sin(deg * M_PI / 180)));
+    EXPECT_GT(q, previous);
+    EXPECT_LT(q, 2.0);
+    previous = q;
+  }
+}
+
+TEST(GfUtils, BisectorHalvesTheCounterClockwiseTurn) {
+  giUnitVec2 a(0.6, 0.8);
+  giUnitVec2 same = gfUtils::bisector(a, a);
+  EXPECT_EQ(same.x(), a.x());
+  giUnitVec2 up = gfUtils::bisector(giUnitVec2(1, 0), giUnitVec2(-1, 0));  // nearly-opposite branch
+  EXPECT_NEAR(up.x(), 0.0, 1e-15);
+  EXPECT_NEAR(up.y(), 1.0, 1e-15);
+  giUnitVec2 reflex = gfUtils::bisector(giUnitVec2(0, 1), giUnitVec2(1, 0));  // 270 degrees ccw
+  EXPECT_NEAR(reflex.x(), -std::sqrt(0.5), 1e-15);
+  EXPECT_NEAR(reflex.y(), -std::sqrt(0.5), 1e-15);
+  giUnitVec2 acute = gfUtils::bisector(giUnitVec2(1, 0), giUnitVec2(0, 1));
+  EXPECT_NEAR(acute.x(), std::sqrt(0.5), 1e-15);
+  EXPECT_NEAR(acute.y(), std::sqrt(0.5), 1e-15);
+}
+
+TEST(GfUtils, IntersectLines) {
+  double t = 42.0;
+  EXPECT_FALSE(gfUtils::intersect_lines(giPoint2(0, 0), giVector2(1, 1), giPoint2(0, 1), giVector2(2, 2), t));
+  EXPECT_EQ(t, 42.0);
+  ASSERT_TRUE(gfUtils::intersect_lines(giPoint2(0, 0), giVector2(2, 0), giPoint2(3, -1), giVector2(0, 1), t));
+  EXPECT_DOUBLE_EQ(t, 1.5);  // along the unnormalised first direction
+}
+
+TEST(GfUtils, ProjectPointsToPlaneGivesInPlaneCoordinatesAndTheFrame) {
+  giPoint3coDynArr none;
+  giPoint2coDynArr out{giPoint2(1, 1)};
+  giXform3 frame;
+  gfUtils::ProjectPointsToPlane(none, giPoint3(0, 0, 0), giVector3(0, 0, 1), out, &frame);
+  EXPECT_EQ(out.count(), 0);
+  EXPECT_FALSE(frame.is_unset());
+
+  giPoint3 origin(10, 20, 30);
+  giVector3 normal(0, 0, 2);  // not unit: made unit
+  giPoint3coDynArr pts{giPoint3(13, 24, 35), giPoint3(10, 20, 30)};
+  gfUtils::ProjectPointsToPlane(pts, origin, normal, out, &frame);
+  ASSERT_EQ(out.count(), 2);
+  EXPECT_NEAR(out[0].x(), 3.0, 1e-13);  // reference axis x, z the normal
+  EXPECT_NEAR(out[0].y(), 4.0, 1e-13);
+  EXPECT_NEAR(out[1].x(), 0.0, 1e-13);
+  giXform3 back(giXformInverse{}, frame);
+  EXPECT_NEAR(back.transform(giPoint3(3, 4, 0)).distance(giPoint3(13, 24, 30)), 0.0, 1e-12);
+  gfUtils::ProjectPointsToPlane(pts, origin, normal, out, nullptr);
+  EXPECT_EQ(out.count(), 2);
+}
+
+TEST(GfUtils, MaximumMovementSkipsInvalidRecords) {
+  gfProjectedPoint3coDynArr records;
+  EXPECT_EQ(get_maximum_movement(records, giXform3(giXformTranslate{}, giVector3(1, 1, 1))), 0.0);
+  records.append(gfProjectedPoint3(giPoint3(0, 0, 0), giPoint3(0, 0, 1), giUnitVec3(0, 0, 1)));
+  records.append(gfProjectedPoint3(giPoint3(5, 0, 0), giPoint3(5, 0, 1), giUnitVec3(0, 0, 1)));
+  gfProjectedPoint3 invalid(giPoint3(1e6, 0, 0), giPoint3(0, 0, 0), giUnitVec3(0, 0, 1));
+  invalid.set_invalid();
+  records.append(invalid);
+  records.append(gfProjectedPoint3());
+  EXPECT_EQ(get_maximum_movement(records, giXform3(giXformIdentity{})), 0.0);
+  giXform3 turn(giXformRotate{}, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), giAngle(M_PI / 2));
+  EXPECT_NEAR(get_maximum_movement(records, turn), 5.0 * std::sqrt(2.0), 1e-13);
+
+  gfProjectedPoint2coDynArr flat{gfProjectedPoint2(giPoint2(3, 4), giPoint2(3, 4), giUnitVec2(0, 1)),
+                                 gfProjectedPoint2()};
+  EXPECT_NEAR(get_maximum_movement(flat, giXform2(giXformTranslate{}, giVector2(0, 2))), 2.0, 0.0);
+}
+
+TEST(ProjectedPoint, DistancesAndInvalidMarks) {
+  gfProjectedPoint3 p(giPoint3(1, 2, 5), giPoint3(1, 2, 3), giUnitVec3(0, 0, 1));
+  EXPECT_DOUBLE_EQ(p.distance(), 2.0);
+  EXPECT_DOUBLE_EQ(p.signed_distance(), 2.0);
+  gfProjectedPoint3 flipped(giPoint3(1, 2, 5), giPoint3(1, 2, 3), giUnitVec3(0, 0, -1));
+  EXPECT_DOUBLE_EQ(flipped.signed_distance(), -2.0);
+  EXPECT_DOUBLE_EQ(flipped.distance(), 2.0);
+  EXPECT_TRUE(gfProjectedPoint3().invalid());
+  EXPECT_FALSE(p.invalid());
+  p.set_invalid();
+  EXPECT_TRUE(p.invalid());
+  EXPECT_EQ(p.nominal_point().z(), 3.0);  // only the measured x is marked
+  EXPECT_TRUE(gfProjectedPoint2().invalid());
+}
+
+}  // namespace
