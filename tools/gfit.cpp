@@ -1,28 +1,23 @@
 // gfit: fit geometric elements to measured points from the command line.
 //
 //   gfit fit <element> FILE [options]    FILE holds one point per line ('-': standard input)
-//   gfit elements                        lists the elements
+//   gfit elements                        lists the elements and their options
 //
 // The result is one JSON object on standard output: the element, the status (1 fitted,
 // 0 not), its parameters, the RMS residual and the number of points. Unreadable input, a
-// malformed line or too few points give a message on standard error and exit status 2; a
-// fit that fails prints its JSON with status 0 and exits with 1.
+// malformed line, a bad option or too few points give a message on standard error and exit
+// status 2; a fit that fails prints its JSON with status 0 and exits with 1.
 
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <iostream>
-#include <map>
-#include <string>
-#include <vector>
+#include <sstream>
 
-#include "gfit/gfit.h"
-#include "tools/json.h"
-#include "tools/point_reader.h"
+#include "tools/cli.h"
 
-namespace {
-
-using gfit::cli::JsonObject;
-using gfit::cli::PointTable;
+namespace gfit::cli {
 
 giPoint3coDynArr points3(PointTable const& t) {
   giPoint3coDynArr out(t.rows(), 16);
@@ -30,54 +25,57 @@ giPoint3coDynArr points3(PointTable const& t) {
   return out;
 }
 
-struct Element {
-  std::string name;
-  int columns;
-  int min_points;
-  std::string summary;
-  std::function<int(PointTable const&, JsonObject&)> fit;
-};
-
-int fit_line3(PointTable const& t, JsonObject& out) {
-  giPoint3 point;
-  giUnitVec3 direction;
-  double residual = 0.0;
-  int status = gfLeastSquareEvaluator::evaluate_line3(points3(t), point, direction, residual);
-  out.add("status", status)
-      .add("point", {point.x(), point.y(), point.z()})
-      .add("direction", {direction.x(), direction.y(), direction.z()})
-      .add("residual", residual);
-  return status;
+giPoint2coDynArr points2(PointTable const& t) {
+  giPoint2coDynArr out(t.rows(), 16);
+  for (int i = 0; i < t.rows(); ++i) out.append(giPoint2(t.values[2 * i], t.values[2 * i + 1]));
+  return out;
 }
 
-int fit_plane(PointTable const& t, JsonObject& out) {
-  giPoint3 point;
-  giUnitVec3 normal;
-  double residual = 0.0;
-  int status = gfLeastSquareEvaluator::evaluate_plane(points3(t), point, normal, residual);
-  out.add("status", status)
-      .add("point", {point.x(), point.y(), point.z()})
-      .add("normal", {normal.x(), normal.y(), normal.z()})
-      .add("residual", residual);
-  return status;
+double number_option(Options const& options, std::string const& name) {
+  std::string const& text = options.get(name);
+  char* end = nullptr;
+  double v = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || !std::isfinite(v)) throw UsageError{name + " needs a number, not '" + text + "'"};
+  return v;
 }
+
+giVector3 vector_option(Options const& options, std::string const& name) {
+  std::string text = options.get(name);
+  std::replace(text.begin(), text.end(), ',', ' ');
+  std::istringstream in(text);
+  double x, y, z;
+  std::string rest;
+  if (!(in >> x >> y >> z) || (in >> rest) || !std::isfinite(x) || !std::isfinite(y) || !std::isfinite(z))
+    throw UsageError{name + " needs x,y,z, not '" + options.get(name) + "'"};
+  return {x, y, z};
+}
+
+}  // namespace gfit::cli
+
+namespace {
+
+using namespace gfit::cli;
 
 std::vector<Element> const& elements() {
-  static const std::vector<Element> table = {
-      {"line3", 3, 2, "least-squares line in space (x y z per point)", fit_line3},
-      {"plane", 3, 3, "least-squares plane (x y z per point)", fit_plane},
-  };
+  static const std::vector<Element> table = [] {
+    std::vector<Element> all;
+    for (auto family : {line_plane_elements}) {
+      std::vector<Element> some = family();
+      all.insert(all.end(), some.begin(), some.end());
+    }
+    return all;
+  }();
   return table;
 }
 
 void usage(std::ostream& os) {
-  os << "usage: gfit fit <element> FILE      fit an element to the points in FILE ('-' for standard input)\n"
-        "       gfit elements                list the elements\n"
+  os << "usage: gfit fit <element> FILE [options]   fit an element to the points in FILE ('-': standard input)\n"
+        "       gfit elements                      list the elements and their options\n"
         "Points: one per line, coordinates separated by spaces or commas, '#' starts a comment.\n";
 }
 
 int run_fit(std::vector<std::string> const& args) {
-  if (args.size() != 2) {
+  if (args.size() < 2) {
     usage(std::cerr);
     return 2;
   }
@@ -87,6 +85,16 @@ int run_fit(std::vector<std::string> const& args) {
   if (!element) {
     std::cerr << "gfit: unknown element '" << args[0] << "' (see 'gfit elements')\n";
     return 2;
+  }
+  Options options;
+  for (size_t i = 2; i < args.size(); ++i) {
+    std::string const& name = args[i];
+    if (std::find(element->options.begin(), element->options.end(), name) == element->options.end()) {
+      std::cerr << "gfit: " << element->name << " takes no option '" << name << "'\n";
+      return 2;
+    }
+    bool has_value = i + 1 < args.size() && args[i + 1].rfind("--", 0) != 0;
+    options.values[name] = has_value ? args[++i] : "";
   }
   std::string const& path = args[1];
   std::ifstream file;
@@ -101,7 +109,7 @@ int run_fit(std::vector<std::string> const& args) {
   std::string source = path == "-" ? "standard input" : path;
   PointTable table;
   std::string error;
-  if (!gfit::cli::read_points(in, element->columns, table, error)) {
+  if (!read_points(in, element->columns, table, error)) {
     std::cerr << "gfit: " << source << ", " << error << "\n";
     return 2;
   }
@@ -112,11 +120,17 @@ int run_fit(std::vector<std::string> const& args) {
   }
   JsonObject out;
   out.add("element", element->name);
-  int status = element->fit(table, out);
+  int status = 0;
+  try {
+    status = element->fit(table, options, out);
+  } catch (UsageError const& e) {
+    std::cerr << "gfit: " << e.message << "\n";
+    return 2;
+  }
   out.add("points", table.rows());
   std::cout << out.str() << "\n";
   if (status != 1) {
-    std::cerr << "gfit: the " << element->name << " fit failed (degenerate points)\n";
+    std::cerr << "gfit: the " << element->name << " fit failed\n";
     return 1;
   }
   return 0;
@@ -131,7 +145,11 @@ int main(int argc, char** argv) {
     return args.empty() ? 2 : 0;
   }
   if (args[0] == "elements") {
-    for (Element const& e : elements()) std::cout << e.name << "\t" << e.summary << "\n";
+    for (Element const& e : elements()) {
+      std::cout << e.name << "\t" << e.summary;
+      for (std::string const& o : e.options) std::cout << " " << o;
+      std::cout << "\n";
+    }
     return 0;
   }
   if (args[0] == "fit") return run_fit(std::vector<std::string>(args.begin() + 1, args.end()));

@@ -1,0 +1,49 @@
+// The command-line program's element table. Each family of elements lives in its own
+// file and contributes its entries through a function declared here.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "gfit/gfit.h"
+#include "tools/json.h"
+#include "tools/point_reader.h"
+
+namespace gfit::cli {
+
+// Options after the file: `--name value` or a bare `--flag` (value "").
+struct Options {
+  std::map<std::string, std::string> values;
+  bool has(std::string const& name) const { return values.count(name) != 0; }
+  std::string const& get(std::string const& name) const { return values.at(name); }
+};
+
+// Thrown by the parsing helpers below on a bad option value; the program reports it and
+// exits with status 2. (The library itself never throws.)
+struct UsageError {
+  std::string message;
+};
+
+double number_option(Options const& options, std::string const& name);
+// x,y,z given as one argument.
+giVector3 vector_option(Options const& options, std::string const& name);
+
+struct Element {
+  std::string name;
+  int columns;      // coordinates per point: 2 or 3 (0: either, decided by the file)
+  int min_points;
+  std::string summary;
+  std::vector<std::string> options;  // accepted option names, e.g. "--normals"
+  // Fits the points, writes status and parameters into `out` and returns the status.
+  std::function<int(PointTable const&, Options const&, JsonObject&)> fit;
+};
+
+giPoint3coDynArr points3(PointTable const& t);
+giPoint2coDynArr points2(PointTable const& t);
+
+// The families.
+std::vector<Element> line_plane_elements();
+
+}  // namespace gfit::cli
