@@ -43,6 +43,16 @@ giPoint2coDynArr sample_circle2(Rng& rng, giPoint2 const& centre, double radius,
 giPoint3coDynArr sample_sphere(Rng& rng, giPoint3 const& centre, double radius, giUnitVec3 const& axis, double cap,
                                int n, double noise);
 
+// n points on a cylinder: heights uniform in [-half_length, half_length] along the axis from
+// `point`, angles in [start, start + span] about the axis from axis.any_normal(), noise
+// radially. `normals`, when given, receives the outward surface normals.
+giPoint3coDynArr sample_cylinder(Rng& rng, giPoint3 const& point, giUnitVec3 const& axis, double radius,
+                                 double half_length, double start, double span, int n, double noise,
+                                 giUnitVec3coDynArr* normals = nullptr);
+
+// The distance of point q from the line through p along d.
+double distance_from_axis(giPoint3 const& q, giPoint3 const& p, giVector3 const& d);
+
 // The angle between two lines (directions up to sign), accurate near 0.
 double line_angle(giVector3 const& a, giVector3 const& b);
 double line_angle(giVector2 const& a, giVector2 const& b);
