@@ -30,6 +30,10 @@ demo: configure
 	@$(GFIT) fit plane data/plane.xyz
 	@echo "== 3-D line through data/line.xyz"
 	@$(GFIT) fit line3 data/line.xyz
+	@echo "== cylinder through data/cylinder.xyz (a probed bore)"
+	@$(GFIT) fit cylinder data/cylinder.xyz
+	@echo "== the same bore, with its surface normals"
+	@$(GFIT) fit cylinder data/cylinder.xyz --normals data/cylinder-normals.xyz
 
 bench: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_benchmarks

@@ -8,9 +8,12 @@
 // cylinder). A search makes thousands of these fits, so they are made cheap:
 //  - the points are centred once on their centroid; each trial only rotates them into the
 //    plane, and nothing is allocated per trial (a fitter owns its scratch arrays);
-//  - the fit starts from the algebraic (Kasa) circle and takes damped Gauss-Newton steps
-//    on the geometric distances until the sum of squares stops falling, which reaches the
-//    same least-squares circle as a Levenberg-Marquardt fit from the centroid in a few passes.
+//  - the fit starts from the algebraic (Kasa) circle and takes at most three damped
+//    Gauss-Newton steps on the geometric distances, stopping once the sum of squares falls
+//    by less than 1e-10 relatively. Near the axis this is the least-squares circle that a
+//    Levenberg-Marquardt fit from the centroid reaches; far from it, a circle whose sum of
+//    squares is within about 1e-6 of that circle's, enough to rank a losing candidate. The
+//    winning candidate of a search is refined by the element's own fit in any case.
 #pragma once
 
 #include <vector>
