@@ -31,7 +31,10 @@
 
 // least-squares fits
 #include "gfit/leastsquares/distance.h"
+#include "gfit/leastsquares/axis_of_revolution.h"
 #include "gfit/leastsquares/circle.h"
 #include "gfit/leastsquares/cylinder.h"
+#include "gfit/leastsquares/ellipse.h"
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/probed.h"
 #include "gfit/leastsquares/sphere.h"

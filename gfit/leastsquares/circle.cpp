@@ -38,13 +38,18 @@ void gfLeastSquareCircle2::get_distance_and_gradient(double& d, mlVector& g, int
 
 void gfLeastSquareCircle2::evaluate_block(int first, int count, double* distances, double* squares,
                                           double* jacobian, int ld) const {
+  offset_block(nullptr, first, count, distances, squares, jacobian, ld);
+}
+
+void gfLeastSquareCircle2::offset_block(double const* offsets, int first, int count, double* distances,
+                                        double* squares, double* jacobian, int ld) const {
   mlVector const& p = parameters();
   const double cx = p[0], cy = p[1], r = p[2];
   giPoint2 const* q = points().data() + first;
   for (int k = 0; k < count; ++k) {
     double dx = q[k].x() - cx, dy = q[k].y() - cy;
     double rho = std::sqrt(dx * dx + dy * dy);
-    double d = rho - r;
+    double d = offsets ? rho + offsets[first + k] - r : rho - r;
     distances[k] = d;
     squares[k] = d * d;
     if (jacobian) {

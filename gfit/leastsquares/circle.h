@@ -25,6 +25,12 @@ class GFIT_EXPORT gfLeastSquareCircle2 : public gfLeastSquareDistance2 {
   void evaluate_distances(int first, int count, double* distances, double* squares) const override {
     evaluate_block(first, count, distances, squares, nullptr, 0);
   }
+
+ protected:
+  // The distances |Q - C| - r + offsets[i] (no offsets when null) and their gradient in one
+  // loop: the batch form of this class and of the probe-compensated circle.
+  void offset_block(double const* offsets, int first, int count, double* distances, double* squares,
+                    double* jacobian, int ld) const;
 };
 
 class GFIT_EXPORT gfLeastSquareCircle3 : public gfLeastSquareDistance3 {

@@ -35,13 +35,18 @@ void gfLeastSquareSphere::get_distance_and_gradient(double& d, mlVector& g, int 
 
 void gfLeastSquareSphere::evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
                                          int ld) const {
+  offset_block(nullptr, first, count, distances, squares, jacobian, ld);
+}
+
+void gfLeastSquareSphere::offset_block(double const* offsets, int first, int count, double* distances,
+                                       double* squares, double* jacobian, int ld) const {
   mlVector const& p = parameters();
   const double cx = p[0], cy = p[1], cz = p[2], r = p[3];
   giPoint3 const* q = points().data() + first;
   for (int k = 0; k < count; ++k) {
     double dx = q[k].x() - cx, dy = q[k].y() - cy, dz = q[k].z() - cz;
     double rho = std::sqrt(dx * dx + dy * dy + dz * dz);
-    double d = rho - r;
+    double d = offsets ? rho + offsets[first + k] - r : rho - r;
     distances[k] = d;
     squares[k] = d * d;
     if (jacobian) {
@@ -60,17 +65,12 @@ double gfLeastSquareSphere::evaluate_radius(giPoint3 const& centre) const {
   return std::sqrt(sum / n_points());
 }
 
-// A fit from the centroid, then, unless it is already good, 19 further fits each started
-// from the best of 100 random spheres around the centroid: the generator is seeded with 1,
-// so the same points always give the same sphere.
-int gfLeastSquareEvaluator::evaluate_sphere(giPoint3coDynArr const& points, giPoint3& centre, double& radius,
-                                            double& residual) {
-  if (points.count() < 4 || !gfit::detail::all_finite(points)) return 0;
-  gfLeastSquareSphere problem(points);
+double gfit::detail::sphere_restarts(gfLeastSquareSphere& problem, mlVector& best) {
   const double R = 3.0 * problem.range();
   const giPoint3 c = problem.centroid();
   double best_value = DBL_MAX;
-  mlVector best(4), start(4), candidate(4), result(4);
+  mlVector start(4), candidate(4), result(4);
+  best.resize(4);
   mlRandom random(1);
   for (int pass = 0; pass < 20; ++pass) {
     if (pass == 0) {
@@ -103,8 +103,17 @@ int gfLeastSquareEvaluator::evaluate_sphere(giPoint3coDynArr const& points, giPo
     // (a length compared with an area: a fixed, scale-dependent threshold of the fit).
     if (pass == 0 && R * 0.001 > best_value) break;
   }
+  return best_value;
+}
+
+int gfLeastSquareEvaluator::evaluate_sphere(giPoint3coDynArr const& points, giPoint3& centre, double& radius,
+                                            double& residual) {
+  if (points.count() < 4 || !gfit::detail::all_finite(points)) return 0;
+  gfLeastSquareSphere problem(points);
+  mlVector best;
+  const double value = gfit::detail::sphere_restarts(problem, best);
   centre = giPoint3(best[0], best[1], best[2]);
   radius = best[3];
-  residual = std::sqrt(best_value);
+  residual = std::sqrt(value);
   return 1;
 }

@@ -22,4 +22,18 @@ class GFIT_EXPORT gfLeastSquareSphere : public gfLeastSquareDistance3 {
 
   // The RMS distance of the points from `centre`.
   double evaluate_radius(giPoint3 const& centre) const;
+
+ protected:
+  // The distances |Q - C| - r + offsets[i] (no offsets when null) and their gradient in one
+  // loop: the batch form of this class and of the probe-compensated sphere.
+  void offset_block(double const* offsets, int first, int count, double* distances, double* squares,
+                    double* jacobian, int ld) const;
 };
+
+namespace gfit::detail {
+// The sphere's restart scheme on any sphere problem: a fit from the centroid with three
+// times the range as radius; unless its mean squared distance is below range * 0.003, 19
+// more fits, each from the best of 100 random spheres about the centroid (seed 1). Writes
+// the best parameters and returns their mean squared distance.
+GFIT_EXPORT double sphere_restarts(gfLeastSquareSphere& problem, mlVector& best);
+}  // namespace gfit::detail
