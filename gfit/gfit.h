@@ -30,3 +30,5 @@
 // least-squares fits
 #include "gfit/leastsquares/distance.h"
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/direct_fit.h"
+#include "gfit/leastsquares/sphere_fit.h"

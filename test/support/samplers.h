@@ -43,6 +43,12 @@ giPoint2coDynArr sample_circle2(Rng& rng, giPoint2 const& centre, double radius,
 giPoint3coDynArr sample_sphere(Rng& rng, giPoint3 const& centre, double radius, giUnitVec3 const& axis, double cap,
                                int n, double noise);
 
+// n points on the arc of parameters [start, start + span] of the ellipse with semi-axes a
+// (along `angle` from the x axis) and b, noise along the ellipse's normal. With rng null the
+// parameters are evenly spaced (t_i = start + span * i / n) and there is no noise.
+giPoint2coDynArr sample_ellipse2(Rng* rng, giPoint2 const& centre, double a, double b, double angle, double start,
+                                 double span, int n, double noise);
+
 // The angle between two lines (directions up to sign), accurate near 0.
 double line_angle(giVector3 const& a, giVector3 const& b);
 double line_angle(giVector2 const& a, giVector2 const& b);
