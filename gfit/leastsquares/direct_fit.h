@@ -11,10 +11,13 @@
 // = 0 under 4ac - b^2 = 1. When it fails (status singular or degenerate) or has fewer than
 // 4 points, the ellipse falls back to the direct circle of the same points.
 //
-// The coordinates enter as given: nothing is centred or scaled. The algebraic forms are
-// therefore best conditioned for elements of moderate size (about 0.01 to 1000 units) near
-// the origin; see the limits stated with each class. Each fit costs one pass over the
-// points plus a few decompositions of 4 x 4 or smaller matrices.
+// The coordinates enter as given: nothing is centred or scaled, so accuracy falls with the
+// distance of the element from the origin relative to its size. Exact circles come back to
+// 1e-9 relative up to about 100 radii from the origin, ellipses only up to a few sizes
+// (further out, or for sizes below about 0.005 or of several hundred, the ellipse falls back
+// to the circle); direct_fit.cpp gives the measured limits. The 3-D classes work in the
+// plane's coordinates, whose origin is the centroid of the points, so they are not affected.
+// Each fit costs one pass over the points plus decompositions of 4 x 4 or smaller matrices.
 //
 // The 3-D classes first find the plane of the points (the least-squares plane; for two
 // points a plane through their segment), fit in that plane's coordinates and map the result
@@ -80,8 +83,7 @@ class GFIT_EXPORT gfDirectFit {
 // 3 points: the circle through them (singular when they are collinear, judged on the 2 x 2
 // normal matrix of the chords at relative tolerance 1e-8); 4 or more: the algebraic circle.
 // Collinear points (4 or more) are degenerate when the leading coefficient comes out exactly
-// zero; otherwise they give a huge circle. Far from the origin see the limits in the
-// implementation notes.
+// zero; otherwise they give a huge circle.
 class GFIT_EXPORT gfDirectCircle2 : public gfDirectFit {
  public:
   explicit gfDirectCircle2(giPoint2coDynArr const& points);
@@ -124,8 +126,8 @@ class GFIT_EXPORT gfDirectCircle3 : public gfDirectFit {
 // `b_axis` the minor one (unit vectors, signs as the decomposition gives them), `angle` the
 // signed angle from (1, 0) to `a_axis`, and the workplane has its origin at the centre and
 // its x axis along `a_axis`. Semi-axes above 1000 units, elements small or far from the
-// origin (see the implementation notes) or fewer than 4 points give the direct circle
-// instead: a_length = b_length = its radius, axes (1, 0) and (0, 1), angle 0.
+// origin (see above) or fewer than 4 points give the direct circle instead: a_length =
+// b_length = its radius, axes (1, 0) and (0, 1), angle 0.
 class GFIT_EXPORT gfDirectEllipse2 : public gfDirectFit {
  public:
   explicit gfDirectEllipse2(giPoint2coDynArr const& points);

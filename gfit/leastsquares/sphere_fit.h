@@ -5,9 +5,10 @@
 // elimination with partial pivoting solves them, and centre = -(D, E, F) / 2, radius =
 // sqrt(|centre|^2 - G). No starting guess, no iteration: a quick sphere, or the start of an
 // iterative fit. The coordinates are used as given (not centred), so the normal equations
-// lose accuracy as the sphere moves away from the origin relative to its radius: exact
-// spheres come back to 1e-9 relative up to about 10 radii from the origin, to about 1e-6 up
-// to about 300 radii (measured; see the tests).
+// lose accuracy as the sphere moves away from the origin relative to its radius. Measured on
+// exact points (radii 0.001 to 4000): 1e-9 relative up to 30 radii from the origin for full
+// spheres and hemispheres (about 1e-10 there), 1e-8 at 100 radii, 1e-7 to 1e-6 at 300,
+// 1e-5 to 1e-3 at 1000; caps of 45 degrees keep 1e-9 up to about 10 radii.
 //
 // Degenerate data are not reported: coplanar points make the system singular, and the fit
 // still ends `fitted` with whatever the elimination leaves (a huge sphere or NaN). The object

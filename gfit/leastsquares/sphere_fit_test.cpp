@@ -85,9 +85,8 @@ TEST(SphereFit, RowReductionPivotsAndSkipsSingularColumns) {
   // Needs a row swap (zero leading entry); solution (1, -2, 3).
   double m[3][4] = {{0, 2, 1, -1}, {1, 1, 1, 2}, {2, 0, -1, -1}};
   RowReduction::matrix_rowred(&m[0][0], 3, 4);
-  EXPECT_NEAR(m[0][3], 1.0, 1e-15);
-  EXPECT_NEAR(m[1][3], -2.0, 1e-15);
-  EXPECT_NEAR(m[2][3], 3.0, 1e-15);
+  const double solution[] = {1, -2, 3};
+  for (int i = 0; i < 3; ++i) EXPECT_NEAR(m[i][3], solution[i], 1e-15);
   // A zero column is skipped; the next pivot (row 1) still solves its unknown, and row 0
   // is eliminated to nothing.
   double s[2][3] = {{0, 2, 4}, {0, 1, 2}};
