@@ -316,9 +316,11 @@ gfDirectEllipse2::gfDirectEllipse2(giPoint2coDynArr const& points) : gfDirectFit
 }
 
 void gfDirectEllipse2::fit() {
-  // Tolerances relative to the largest singular value, derived from the base tolerance.
+  // From the base tolerance: the singularity and pseudo-inverse tolerances are relative to
+  // the largest singular value; the smallest eigenvalue of the normalised form is absolute
+  // (1 / semi-axis^2, so semi-axes up to 1000).
   const double singular_tolerance = tolerance_, inverse_tolerance = tolerance_ * 0.1;
-  const double min_eigenvalue = tolerance_;  // 1 / semi-axis^2: semi-axes up to 1000
+  const double min_eigenvalue = tolerance_;
   const int n = points2d_.count();
   const double w = 1.0 / n;
 
@@ -371,6 +373,10 @@ void gfDirectEllipse2::fit() {
     const giVector2 qc(q(0, 0) * c.x() + q(0, 1) * c.y(), q(1, 0) * c.x() + q(1, 1) * c.y());
     // Scale so that points y relative to the centre satisfy y^T Q y = 1.
     const double scale = -(c.dot(qc) + g.dot(c) + f);
+    if (!(std::isfinite(scale) && scale != 0.0)) {  // a conic through its own centre
+      status_ = Status::degenerate;
+      continue;
+    }
     for (int i = 0; i < 4; ++i) q.data()[i] /= scale;
     mlSymEigenVecs q_eig(q);
     const double lambda0 = descending_value(q_eig, 0), lambda1 = descending_value(q_eig, 1);
