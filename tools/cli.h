@@ -46,5 +46,6 @@ giPoint2coDynArr points2(PointTable const& t);
 // The families.
 std::vector<Element> line_plane_elements();
 std::vector<Element> circle_cylinder_elements();
+std::vector<Element> direct_fit_elements();
 
 }  // namespace gfit::cli

@@ -39,6 +39,7 @@ int gfVectorGradient::total_steps() const {
 }
 
 int gfVectorGradientIterator::operator++(int) {
+  if (ring_ >= gradient_->n_rings()) return 0;  // exhausted, and stays so
   if (ring_ < 0) {
     ring_ = 0;
     index_ = 0;

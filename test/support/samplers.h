@@ -52,6 +52,11 @@ giPoint3coDynArr sample_cylinder(Rng& rng, giPoint3 const& point, giUnitVec3 con
 
 // The distance of point q from the line through p along d.
 double distance_from_axis(giPoint3 const& q, giPoint3 const& p, giVector3 const& d);
+// n points on the arc of parameters [start, start + span] of the ellipse with semi-axes a
+// (along `angle` from the x axis) and b, noise along the ellipse's normal. With rng null the
+// parameters are evenly spaced (t_i = start + span * i / n) and there is no noise.
+giPoint2coDynArr sample_ellipse2(Rng* rng, giPoint2 const& centre, double a, double b, double angle, double start,
+                                 double span, int n, double noise);
 
 // The angle between two lines (directions up to sign), accurate near 0.
 double line_angle(giVector3 const& a, giVector3 const& b);
