@@ -34,6 +34,10 @@ demo: configure
 	@$(GFIT) fit cylinder data/cylinder.xyz
 	@echo "== the same bore, with its surface normals"
 	@$(GFIT) fit cylinder data/cylinder.xyz --normals data/cylinder-normals.xyz
+	@echo "== ellipse through data/ellipse.xy"
+	@$(GFIT) fit ellipse data/ellipse.xy
+	@echo "== sphere touched by a 2 mm probe ball, data/probed-sphere.xyzr"
+	@$(GFIT) fit probed-sphere data/probed-sphere.xyzr
 
 bench: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_benchmarks

@@ -1,6 +1,4 @@
 // Circles, spheres and cylinders.
-#include <fstream>
-
 #include "tools/cli.h"
 
 namespace gfit::cli {
@@ -37,24 +35,6 @@ int fit_sphere(PointTable const& t, Options const&, JsonObject& out) {
       .add("radius", radius)
       .add("residual", residual);
   return status;
-}
-
-giUnitVec3coDynArr read_normals(std::string const& path, int expected) {
-  std::ifstream in(path);
-  if (!in) throw UsageError{"cannot read normals file " + path};
-  PointTable table;
-  std::string error;
-  if (!read_points(in, 3, table, error)) throw UsageError{"normals file " + path + ", " + error};
-  if (table.rows() != expected)
-    throw UsageError{"normals file " + path + " has " + std::to_string(table.rows()) + " normals for " +
-                     std::to_string(expected) + " points"};
-  giUnitVec3coDynArr normals(table.rows(), 16);
-  for (int i = 0; i < table.rows(); ++i) {
-    giUnitVec3 n(table.values[3 * i], table.values[3 * i + 1], table.values[3 * i + 2]);
-    if (n.invalid()) throw UsageError{"normals file " + path + ": normal " + std::to_string(i + 1) + " is zero"};
-    normals.append(n);
-  }
-  return normals;
 }
 
 int fit_cylinder(PointTable const& t, Options const& options, JsonObject& out) {

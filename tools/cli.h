@@ -38,14 +38,19 @@ struct Element {
   std::vector<std::string> options;  // accepted option names, e.g. "--normals"
   // Fits the points, writes status and parameters into `out` and returns the status.
   std::function<int(PointTable const&, Options const&, JsonObject&)> fit;
+  int max_columns = 0;  // above `columns`: optional further values per point (a probe radius)
 };
 
+// The points of a table, from its first 3 (2) values per row.
 giPoint3coDynArr points3(PointTable const& t);
 giPoint2coDynArr points2(PointTable const& t);
+// Unit vectors read from a file of x y z lines, one per point (--normals).
+giUnitVec3coDynArr read_normals(std::string const& path, int expected);
 
 // The families.
 std::vector<Element> line_plane_elements();
 std::vector<Element> circle_cylinder_elements();
 std::vector<Element> direct_fit_elements();
+std::vector<Element> ellipse_probed_elements();
 
 }  // namespace gfit::cli

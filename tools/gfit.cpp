@@ -20,15 +20,35 @@
 namespace gfit::cli {
 
 giPoint3coDynArr points3(PointTable const& t) {
+  const int c = t.columns;
   giPoint3coDynArr out(t.rows(), 16);
-  for (int i = 0; i < t.rows(); ++i) out.append(giPoint3(t.values[3 * i], t.values[3 * i + 1], t.values[3 * i + 2]));
+  for (int i = 0; i < t.rows(); ++i) out.append(giPoint3(t.values[c * i], t.values[c * i + 1], t.values[c * i + 2]));
   return out;
 }
 
 giPoint2coDynArr points2(PointTable const& t) {
+  const int c = t.columns;
   giPoint2coDynArr out(t.rows(), 16);
-  for (int i = 0; i < t.rows(); ++i) out.append(giPoint2(t.values[2 * i], t.values[2 * i + 1]));
+  for (int i = 0; i < t.rows(); ++i) out.append(giPoint2(t.values[c * i], t.values[c * i + 1]));
   return out;
+}
+
+giUnitVec3coDynArr read_normals(std::string const& path, int expected) {
+  std::ifstream in(path);
+  if (!in) throw UsageError{"cannot read normals file " + path};
+  PointTable table;
+  std::string error;
+  if (!read_points(in, 3, table, error)) throw UsageError{"normals file " + path + ", " + error};
+  if (table.rows() != expected)
+    throw UsageError{"normals file " + path + " has " + std::to_string(table.rows()) + " normals for " +
+                     std::to_string(expected) + " points"};
+  giUnitVec3coDynArr normals(table.rows(), 16);
+  for (int i = 0; i < table.rows(); ++i) {
+    giUnitVec3 n(table.values[3 * i], table.values[3 * i + 1], table.values[3 * i + 2]);
+    if (n.invalid()) throw UsageError{"normals file " + path + ": normal " + std::to_string(i + 1) + " is zero"};
+    normals.append(n);
+  }
+  return normals;
 }
 
 double number_option(Options const& options, std::string const& name) {
@@ -59,7 +79,8 @@ using namespace gfit::cli;
 std::vector<Element> const& elements() {
   static const std::vector<Element> table = [] {
     std::vector<Element> all;
-    for (auto family : {line_plane_elements, circle_cylinder_elements, direct_fit_elements}) {
+    for (auto family : {line_plane_elements, circle_cylinder_elements, direct_fit_elements,
+                         ellipse_probed_elements}) {
       std::vector<Element> some = family();
       all.insert(all.end(), some.begin(), some.end());
     }
@@ -109,7 +130,7 @@ int run_fit(std::vector<std::string> const& args) {
   std::string source = path == "-" ? "standard input" : path;
   PointTable table;
   std::string error;
-  if (!read_points(in, element->columns, table, error)) {
+  if (!read_points(in, element->columns, table, error, element->max_columns)) {
     std::cerr << "gfit: " << source << ", " << error << "\n";
     return 2;
   }

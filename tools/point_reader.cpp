@@ -7,9 +7,11 @@
 
 namespace gfit::cli {
 
-bool read_points(std::istream& in, int columns, PointTable& table, std::string& error) {
+bool read_points(std::istream& in, int columns, PointTable& table, std::string& error, int max_columns) {
   table = PointTable();
-  table.columns = columns;
+  const int lowest = columns == 0 ? 2 : columns;
+  const int highest = columns == 0 ? 3 : (max_columns > columns ? max_columns : columns);
+  table.columns = lowest == highest ? lowest : 0;
   std::string line;
   std::vector<double> row;
   for (int number = 1; std::getline(in, line); ++number) {
@@ -31,12 +33,13 @@ bool read_points(std::istream& in, int columns, PointTable& table, std::string& 
     }
     if (row.empty()) continue;
     if (table.columns == 0) {
-      if (row.size() != 2 && row.size() != 3) {
-        error = "line " + std::to_string(number) + ": expected 2 or 3 coordinates, found " +
-                std::to_string(row.size());
+      const int found = static_cast<int>(row.size());
+      if (found < lowest || found > highest) {
+        error = "line " + std::to_string(number) + ": expected " + std::to_string(lowest) + " to " +
+                std::to_string(highest) + " values, found " + std::to_string(found);
         return false;
       }
-      table.columns = static_cast<int>(row.size());
+      table.columns = found;
     }
     if (static_cast<int>(row.size()) != table.columns) {
       error = "line " + std::to_string(number) + ": expected " + std::to_string(table.columns) +

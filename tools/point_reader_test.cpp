@@ -46,6 +46,12 @@ TEST(PointReader, TakesTheColumnCountFromTheFirstPointWhenAsked) {
   EXPECT_FALSE(read_points(mixed, 0, t, error));
   std::istringstream four("1 2 3 4\n");
   EXPECT_FALSE(read_points(four, 0, t, error));
+  std::istringstream with_radius("1 2 3 0.5\n4 5 6 0.5\n");
+  ASSERT_TRUE(read_points(with_radius, 3, t, error, 4));  // an optional fourth column
+  EXPECT_EQ(t.columns, 4);
+  std::istringstream without("1 2 3\n");
+  ASSERT_TRUE(read_points(without, 3, t, error, 4));
+  EXPECT_EQ(t.columns, 3);
 }
 
 }  // namespace

@@ -30,24 +30,31 @@ double frame_distance(double a, double b, double u, double v, Foot& foot) {
   // u^2/a^2 + v^2/b^2 >= 1, multiplied out so that a degenerate ellipse divides by nothing.
   const double sign = u * u * b2 + v * v * a2 >= a2 * b2 ? 1.0 : -1.0;
   foot.t = foot.derivative = 0.0;
+  if (a2 == 0.0 || b2 == 0.0) {  // a flat ellipse is a segment along the other axis
+    foot.x = a2 == 0.0 ? 0.0 : std::clamp(u, -a, a);
+    foot.y = b2 == 0.0 ? 0.0 : std::clamp(v, -b, b);
+    return sign * std::hypot(foot.x - u, foot.y - v);
+  }
   if (std::fabs(u) > 1e-10 && std::fabs(v) > 1e-10) {
-    const double au2 = a2 * u * u, bv2 = b2 * v * v;
-    const double pole = -std::min(a2, b2);  // the foot-point formula divides by t - pole
-    double t = sign > 0.0 ? std::max(a, b) * std::sqrt(u * u + v * v) : 0.0;
+    // The multiplier t of the foot point is the root beyond the pole -min(a^2, b^2) of
+    //   F(t) = (t + a^2)^2 (t + b^2)^2 - a^2 u^2 (t + b^2)^2 - b^2 v^2 (t + a^2)^2,
+    // that is of G(t) = F(t) / ((t + a^2)^2 (t + b^2)^2) = (a u / (t + a^2))^2 +
+    // (b v / (t + b^2))^2 - 1, which is convex and decreasing there. Newton's method on G
+    // from the left of the root rises monotonically to it; the left start
+    // max(a |u| - a^2, b |v| - b^2) makes one of the two terms 1 (Eberly's bracket).
+    const double au = a * std::fabs(u), bv = b * std::fabs(v);
+    double t = std::max(au - a2, bv - b2);
+    const double resolution = 2.0 * DBL_EPSILON * std::max(a2, b2);
     for (int step = 0; step < 64; ++step) {
       const double ta = t + a2, tb = t + b2;
-      const double F = ta * ta * tb * tb - au2 * tb * tb - bv2 * ta * ta;
-      if (std::fabs(F) < 1e-10) break;
-      const double dF = 2.0 * (ta * tb * (2.0 * t + a2 + b2) - au2 * tb - bv2 * ta);
-      foot.derivative = dF;
-      double next = t - F / dF;
-      if (!std::isfinite(next)) break;  // a vanishing derivative: keep t
-      if (next <= pole) next = 0.5 * (t + pole);  // never across the pole
-      if (std::fabs(next - t) <= 4.0 * DBL_EPSILON * (std::fabs(t) + a2 + b2)) {
-        t = next;
-        break;  // converged to rounding
-      }
-      t = next;
+      const double p = au / ta, q = bv / tb;
+      const double G = p * p + q * q - 1.0;
+      if (!(G > 0.0)) break;  // at the root (or rounding has crossed it)
+      const double dG = -2.0 * (p * p / ta + q * q / tb);
+      foot.derivative = dG;
+      const double increase = -G / dG;
+      if (!(increase > resolution)) break;  // converged to rounding
+      t += increase;
     }
     foot.t = t;
     foot.x = a2 * u / (t + a2);
@@ -141,6 +148,23 @@ void gfLeastSquareEllipse::get_distance_and_gradient(double& d, mlVector& g, int
   g[2] = -(nx * c - ny * s);  // minus the world normal
   g[3] = -(nx * s + ny * c);
   g[4] = nx * y - ny * x;
+}
+
+void gfLeastSquareEllipse::evaluate_distances(int first, int count, double* distances, double* squares) const {
+  // The frame's cosine and sine once for the block, not per point.
+  mlVector const& p = parameters();
+  const double A = std::fabs(p[0]), B = std::fabs(p[1]), c = std::cos(p[4]), s = std::sin(p[4]);
+  giPoint2 const* q = points().data() + first;
+  Foot foot;
+  for (int k = 0; k < count; ++k) {
+    double u, v;
+    to_frame(p, q[k], c, s, u, v);
+    const double d = frame_distance(A, B, u, v, foot);
+    distances[k] = d;
+    squares[k] = d * d;
+  }
+  foot_x_ = foot.x;
+  foot_y_ = foot.y;
 }
 
 void gfLeastSquareEllipse::parameter_scales(mlVector& s) const {

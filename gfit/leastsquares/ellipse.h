@@ -5,12 +5,14 @@
 // ellipse (positive outside), through the foot point: in the ellipse's frame (u, v) the
 // foot point's multiplier t solves
 //     F(t) = (t + a^2)^2 (t + b^2)^2 - a^2 u^2 (t + b^2)^2 - b^2 v^2 (t + a^2)^2 = 0
-// by Newton's method (Eberly, "Distance from a point to an ellipse", 2011), started above
-// the root for outside points and at 0 for inside ones; points on the axis lines take
-// closed forms. The iteration stops when |F| < 1e-10, when a step no longer changes t
-// beyond rounding, or after 64 steps; it is kept between the poles of the foot-point
-// formula, so no point (the centre, a point on an axis) loops or gives NaN. The curve
-// depends on |a| and |b| only; a negative semi-axis is read as its magnitude.
+// beyond the pole -min(a^2, b^2). Newton's method runs on F divided by its positive factor
+// (t + a^2)^2 (t + b^2)^2, a convex decreasing function there, from Eberly's lower bracket
+// (Eberly, "Distance from a point to an ellipse, an ellipsoid, or a hyperellipsoid", 2011):
+// it rises monotonically to the root and reaches it to rounding in a few steps for points
+// near the curve, where a start above the root would take tens of steps. At most 64
+// steps. Points on the axis lines (within 1e-10) take closed forms, so no point (the centre,
+// a point on an axis) loops or gives NaN. The curve depends on |a| and |b| only; a negative
+// semi-axis is read as its magnitude.
 //
 // The gradient is that of the signed distance with the foot point held: -n . df/dq, n the
 // outward unit normal at the foot point and f the foot point moved by the parameter q.
@@ -29,6 +31,9 @@ class GFIT_EXPORT gfLeastSquareEllipse : public gfLeastSquareDistance2 {
   // (1, 1, 1, 1, sqrt(a^2 + b^2)): a turn of the ellipse moves its points by about its size.
   void parameter_scales(mlVector& s) const override;
   ~gfLeastSquareEllipse() override;
+
+  // The distances of a block of points, the frame's trigonometry computed once.
+  void evaluate_distances(int first, int count, double* distances, double* squares) const override;
 
   // The foot point of the last distance evaluation, in the ellipse's own frame. The state
   // makes an object unsafe for concurrent distance evaluations.
