@@ -5,6 +5,7 @@
 #include "gfit/platform/angle.h"
 #include "gfit/platform/arrays.h"
 #include "gfit/platform/brent.h"
+#include "gfit/platform/constructions.h"
 #include "gfit/platform/dynarr.h"
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/least_squares.h"
@@ -22,6 +23,7 @@
 #include "gfit/platform/xform.h"
 
 // utilities
+#include "gfit/utilities/polygon.h"
 #include "gfit/utilities/vector_utils.h"
 
 // fit points
@@ -30,3 +32,10 @@
 // least-squares fits
 #include "gfit/leastsquares/distance.h"
 #include "gfit/leastsquares/evaluator.h"
+
+// extremal fits
+#include "gfit/extremal/circle_fit_utils.h"
+#include "gfit/extremal/circumscribed.h"
+#include "gfit/extremal/containment_cone.h"
+#include "gfit/extremal/inscribed.h"
+#include "gfit/extremal/minmax.h"
