@@ -45,5 +45,6 @@ giPoint2coDynArr points2(PointTable const& t);
 
 // The families.
 std::vector<Element> line_plane_elements();
+std::vector<Element> extremal_elements();
 
 }  // namespace gfit::cli

@@ -11,8 +11,12 @@
 // strictly inside the farthest points' sweep (the extreme points interlace: the
 // minimum-zone condition), when the width is below 1.1920928955078125e-6, or after 10 n
 // steps. The result belongs to the last centre whose width did not exceed its
-// predecessor's. The walk is a descent, not a global search: on profiles whose extreme
-// points alternate it stops at the minimum zone; otherwise it returns the best centre it met.
+// predecessor's. The walk is a descent that watches only the nearest points' events: it
+// reaches the minimum zone on profiles whose extremes interlace near the centroid (evenly
+// sampled lobed profiles), but it stops at the first step that overshoots the farthest
+// points, which on noisy or interrupted profiles can be well above the minimum zone (twice
+// it on a 270-degree arc of a lobed bore). `fit_probed` with zero radii minimises the same
+// width with the simplex and reaches the minimum zone on those profiles.
 //
 // Probe-compensated form (`fit_probed`): the width of the compensated distances
 // |c - p_i| - rho_i (rho_i = r_i, or -r_i when the `bool` is true) is minimised over the
