@@ -7,6 +7,21 @@
 
 #include "gfit/utilities/vector_utils.h"
 
+namespace {
+
+// One distance against a running extreme that it passes by `beyond` (negative: falls short
+// of it): within the tolerance it joins the list, clearly beyond it starts the list afresh.
+void track_extreme(gfDistanceList& list, double d, size_t i, double beyond) {
+  if (std::fabs(beyond) < giTolerance) {
+    list.emplace_back(d, i);
+  } else if (beyond >= giTolerance) {
+    list.clear();
+    list.emplace_back(d, i);
+  }
+}
+
+}  // namespace
+
 void gfCircleFitUtils::calculate_distances(std::vector<giPoint2> const& points, giPoint2 const& centre,
                                            gfDistanceList& farthest, gfDistanceList& nearest,
                                            utOptionalArg<std::vector<double> const&> radii) {
@@ -15,19 +30,9 @@ void gfCircleFitUtils::calculate_distances(std::vector<giPoint2> const& points, 
   for (size_t i = 0; i < points.size(); ++i) {
     double d = centre.distance(points[i]);
     if (radii) d -= (*radii)[i];
-    if (std::fabs(d - largest) < eps) {
-      farthest.emplace_back(d, i);
-    } else if (d - largest >= eps) {
-      farthest.clear();
-      farthest.emplace_back(d, i);
-    }
+    track_extreme(farthest, d, i, d - largest);
     largest = std::max(largest, d);
-    if (std::fabs(d - smallest) < eps) {
-      nearest.emplace_back(d, i);
-    } else if (smallest - d >= eps) {
-      nearest.clear();
-      nearest.emplace_back(d, i);
-    }
+    track_extreme(nearest, d, i, smallest - d);
     smallest = std::min(smallest, d);
   }
   std::sort(farthest.begin(), farthest.end(), std::greater<>());

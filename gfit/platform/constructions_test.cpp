@@ -88,8 +88,8 @@ TEST(CnxCircle2Constructor, NoSolutionGivesAnInvalidCentre) {
   EXPECT_FALSE(cnxCircle2Constructor::construct(s, cnx_tangent, a, cnx_tangent, b, cnx_tangent, c, 0));
   EXPECT_TRUE(s.invalid());
   EXPECT_EQ(s.centre().x(), DBL_MAX);
-  // A circle inside another cannot be touched from outside together with a far third one
-  // ... by a circle enclosing the outer one and excluding the inner one.
+  // No circle encloses the outer of two concentric circles and touches the inner one from
+  // outside. Selectors beyond 15 and negative radii are refused.
   cnxCircle2 outer(giPoint2(0, 0), 5), inner(giPoint2(0, 0), 1), third(giPoint2(20, 0), 1);
   EXPECT_FALSE(cnxCircle2Constructor::construct(s, cnx_tangent, outer, cnx_tangent, inner, cnx_tangent, third,
                                                 cnxCircle2Constructor::enclose_first));

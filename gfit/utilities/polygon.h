@@ -21,13 +21,14 @@ enum gfRelativePosition {
 // without a scan. A point exactly on the line of a hull edge is removed when the scan has
 // to back up over it (in particular on the edge that closes the hull at the lowest point),
 // but may stay when it lies between two hull vertices that the scan meets in order; every
-// returned point lies on the hull's boundary. An empty input leaves `hull` untouched.
+// returned point lies on the hull's boundary. An empty input, or one with a non-finite
+// coordinate, leaves `hull` untouched.
 GFIT_EXPORT void gf_calculate_convex_hull(giPoint2coDynArr const& points, giPoint2coDynArr& hull);
 
 // The same scan on indices into `points`, keyed by the pseudo-angle about the lowest point
 // alone: points at one angle keep their index order (no nearer-first tie-break, unlike the
 // point form), so collinear points seen from the lowest point can survive the scan. An empty
-// input leaves `indices` untouched.
+// or non-finite input leaves `indices` untouched.
 GFIT_EXPORT void gf_calculate_convex_hull(giPoint2coDynArr const& points, intcoDynArr& indices);
 
 // Inside, on a vertex, on an edge (cross product within 1e-10) or outside `polygon`, given

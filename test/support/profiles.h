@@ -1,6 +1,7 @@
 // Roundness profiles with known extremal circles, for the tests of the extremal fits.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -34,6 +35,18 @@ inline std::vector<giPoint2> to_vector(giPoint2coDynArr const& points) {
 inline std::vector<giPoint2> noisy_arc(Rng& rng, giPoint2 const& centre, double radius, double start, double span, int n,
                                        double noise) {
   return to_vector(sample_circle2(rng, centre, radius, start, span, n, noise));
+}
+
+// The widest angular gap, in radians, between the directions from `centre` to `points`. A
+// circle whose contact points leave no gap wider than pi cannot be improved by moving its
+// centre (the optimality condition of the smallest enclosing and largest empty circles).
+inline double widest_gap(giPoint2 const& centre, std::vector<giPoint2> const& points) {
+  std::vector<double> angles;
+  for (giPoint2 const& p : points) angles.push_back(std::atan2(p.y() - centre.y(), p.x() - centre.x()));
+  std::sort(angles.begin(), angles.end());
+  double widest = angles.empty() ? 2.0 * M_PI : angles.front() + 2.0 * M_PI - angles.back();
+  for (size_t i = 1; i < angles.size(); ++i) widest = std::max(widest, angles[i] - angles[i - 1]);
+  return widest;
 }
 
 }  // namespace gfit::testing
