@@ -180,12 +180,18 @@ gfContainmentCone::Candidate gfContainmentCone::update_support(int i) {
   return update_support3(i);
 }
 
+bool gfContainmentCone::valid_directions() const {
+  for (giUnitVec3 const& d : directions_)
+    if (d.invalid() || !std::isfinite(d.x() + d.y() + d.z())) return false;
+  return true;
+}
+
 int gfContainmentCone::solve(giUnitVec3& axis, giAngle& angle) {
   success_ = 1;
   mlRandom random(1);
   angle = giAngle(full_turn);
   const int n = directions_.count();
-  if (n == 0) return 0;
+  if (n == 0 || !valid_directions()) return 0;
   for (int i = n - 1; i >= 1; --i) {
     int j = random.next() % (i + 1);
     if (j != i) std::swap(directions_[i], directions_[j]);
@@ -219,7 +225,7 @@ int gfContainmentCone::solve(giUnitVec3& axis, giAngle& angle) {
 int gfContainmentCone::solve_slow_and_simple_for_utest(giUnitVec3& axis, giAngle& angle) {
   const int n = directions_.count();
   angle = giAngle(full_turn);
-  if (n == 0) return 0;
+  if (n == 0 || !valid_directions()) return 0;
   auto holds_all = [&](giUnitVec3 const& a, double half_angle) {
     for (int k = 0; k < n; ++k)
       if (unsigned_angle(dir(k), a).radians() - half_angle > 1e-12) return false;

@@ -24,7 +24,8 @@ class GFIT_EXPORT gfContainmentCone {
  public:
   explicit gfContainmentCone(giUnitVec3coDynArr const& directions) : directions_(directions) {}
 
-  // 1 with the cone in `axis` and `angle` (radians); 0 for no directions or a refused set,
+  // 1 with the cone in `axis` and `angle` (radians); 0 for no directions, an unset or
+  // non-finite direction (refused before anything is permuted) or a refused set,
   // with `axis` and `angle` holding the last cone accepted. Permutes the held copy of the
   // directions.
   int solve(giUnitVec3& axis, giAngle& angle);
@@ -62,6 +63,8 @@ class GFIT_EXPORT gfContainmentCone {
 
  private:
   giUnitVec3 const& dir(int i) const { return directions_[i]; }
+  // No unset or non-finite direction.
+  bool valid_directions() const;
 
   giUnitVec3coDynArr directions_;
   int support_count_ = 0;

@@ -40,6 +40,7 @@ TEST(ContainmentCone, SmallAndRefusedSets) {
   giAngle angle;
   giUnitVec3coDynArr none;
   EXPECT_EQ(gfContainmentCone(none).solve(axis, angle), 0);
+  EXPECT_EQ(gfContainmentCone({giUnitVec3(1, 0, 0), giUnitVec3()}).solve(axis, angle), 0);
   giUnitVec3 d(1, 2, 3);
   gfContainmentCone one({d});
   EXPECT_EQ(one.solve(axis, angle), 1);
