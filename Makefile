@@ -1,6 +1,8 @@
 # The two commands a newcomer needs: `make test` and `make demo`.
 # Each installs what is missing (scripts/install-deps) and works from a fresh clone.
 
+MAKEFLAGS += --no-print-directory
+
 BUILD_DIR ?= build
 BUILD_TYPE ?= Release
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
@@ -38,6 +40,8 @@ demo: configure
 	@$(GFIT) fit ellipse data/ellipse.xy
 	@echo "== sphere touched by a 2 mm probe ball, data/probed-sphere.xyzr"
 	@$(GFIT) fit probed-sphere data/probed-sphere.xyzr
+	@echo "== roundness of data/roundness.xy: minimum-zone circle"
+	@$(GFIT) fit minmax-circle data/roundness.xy
 
 bench: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_benchmarks

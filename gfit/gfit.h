@@ -5,6 +5,7 @@
 #include "gfit/platform/angle.h"
 #include "gfit/platform/arrays.h"
 #include "gfit/platform/brent.h"
+#include "gfit/platform/constructions.h"
 #include "gfit/platform/dynarr.h"
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/least_squares.h"
@@ -24,6 +25,7 @@
 
 // utilities
 #include "gfit/utilities/direction_sampling.h"
+#include "gfit/utilities/polygon.h"
 #include "gfit/utilities/vector_utils.h"
 
 // fit points
@@ -40,3 +42,10 @@
 #include "gfit/leastsquares/probed.h"
 #include "gfit/leastsquares/sphere.h"
 #include "gfit/leastsquares/sphere_fit.h"
+
+// extremal fits
+#include "gfit/extremal/circle_fit_utils.h"
+#include "gfit/extremal/circumscribed.h"
+#include "gfit/extremal/containment_cone.h"
+#include "gfit/extremal/inscribed.h"
+#include "gfit/extremal/minmax.h"

@@ -52,5 +52,6 @@ std::vector<Element> line_plane_elements();
 std::vector<Element> circle_cylinder_elements();
 std::vector<Element> direct_fit_elements();
 std::vector<Element> ellipse_probed_elements();
+std::vector<Element> extremal_elements();
 
 }  // namespace gfit::cli

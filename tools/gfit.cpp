@@ -80,7 +80,7 @@ std::vector<Element> const& elements() {
   static const std::vector<Element> table = [] {
     std::vector<Element> all;
     for (auto family : {line_plane_elements, circle_cylinder_elements, direct_fit_elements,
-                         ellipse_probed_elements}) {
+                         ellipse_probed_elements, extremal_elements}) {
       std::vector<Element> some = family();
       all.insert(all.end(), some.begin(), some.end());
     }
@@ -168,7 +168,11 @@ int main(int argc, char** argv) {
   if (args[0] == "elements") {
     for (Element const& e : elements()) {
       std::cout << e.name << "\t" << e.summary;
-      for (std::string const& o : e.options) std::cout << " " << o;
+      if (!e.options.empty()) {
+        std::cout << " [options:";
+        for (std::string const& o : e.options) std::cout << " " << o;
+        std::cout << "]";
+      }
       std::cout << "\n";
     }
     return 0;

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 namespace gfit::cli {
 
@@ -33,13 +34,20 @@ class JsonObject {
     return *this;
   }
   JsonObject& add(std::string const& key, std::initializer_list<double> values) {
+    return add(key, std::vector<double>(values));
+  }
+  JsonObject& add(std::string const& key, std::vector<double> const& values) {
+    key_(key);
+    array(values);
+    return *this;
+  }
+  // An array of arrays of numbers, such as a list of points.
+  JsonObject& add(std::string const& key, std::vector<std::vector<double>> const& rows) {
     key_(key);
     out_ += '[';
-    bool first = true;
-    for (double v : values) {
-      if (!first) out_ += ", ";
-      first = false;
-      number(v);
+    for (size_t i = 0; i < rows.size(); ++i) {
+      if (i) out_ += ", ";
+      array(rows[i]);
     }
     out_ += ']';
     return *this;
@@ -51,6 +59,14 @@ class JsonObject {
     out_ += out_.size() > 1 ? ", \"" : "\"";
     out_ += key;
     out_ += "\": ";
+  }
+  void array(std::vector<double> const& values) {
+    out_ += '[';
+    for (size_t i = 0; i < values.size(); ++i) {
+      if (i) out_ += ", ";
+      number(values[i]);
+    }
+    out_ += ']';
   }
   void number(double v) {
     if (!std::isfinite(v)) {

@@ -1,0 +1,89 @@
+#include "gfit/extremal/circle_fit_utils.h"
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <functional>
+
+#include "gfit/utilities/vector_utils.h"
+
+namespace {
+
+// One distance against a running extreme that it passes by `beyond` (negative: falls short
+// of it): within the tolerance it joins the list, clearly beyond it starts the list afresh.
+void track_extreme(gfDistanceList& list, double d, size_t i, double beyond) {
+  if (std::fabs(beyond) < giTolerance) {
+    list.emplace_back(d, i);
+  } else if (beyond >= giTolerance) {
+    list.clear();
+    list.emplace_back(d, i);
+  }
+}
+
+}  // namespace
+
+void gfCircleFitUtils::calculate_distances(std::vector<giPoint2> const& points, giPoint2 const& centre,
+                                           gfDistanceList& farthest, gfDistanceList& nearest,
+                                           utOptionalArg<std::vector<double> const&> radii) {
+  const double eps = giTolerance;
+  double largest = -1.0, smallest = DBL_MAX;
+  for (size_t i = 0; i < points.size(); ++i) {
+    double d = centre.distance(points[i]);
+    if (radii) d -= (*radii)[i];
+    track_extreme(farthest, d, i, d - largest);
+    largest = std::max(largest, d);
+    track_extreme(nearest, d, i, smallest - d);
+    smallest = std::min(smallest, d);
+  }
+  std::sort(farthest.begin(), farthest.end(), std::greater<>());
+  std::sort(nearest.begin(), nearest.end());
+  while (!farthest.empty() && farthest.front().first - farthest.back().first >= eps) farthest.pop_back();
+  while (!nearest.empty() && nearest.back().first - nearest.front().first >= eps) nearest.pop_back();
+}
+
+bool gfCircleFitUtils::step_distance(giPoint2 const& centre, giVector2 const& direction,
+                                     std::vector<giPoint2> const& points, gfDistanceList const& support,
+                                     double& step) {
+  step = DBL_MAX;
+  for (auto const& entry : support) {
+    size_t s = entry.second;
+    giPoint2 const& ps = points[s];
+    for (size_t j = 0; j < points.size(); ++j) {
+      if (j == s) continue;
+      giVector2 d = points[j] - ps;
+      giPoint2 mid(0.5 * (ps.x() + points[j].x()), 0.5 * (ps.y() + points[j].y()));
+      double t;
+      if (gfUtils::intersect_lines(centre, direction, mid, giVector2(-d.y(), d.x()), t) && giTolerance < t &&
+          t < step)
+        step = t;
+    }
+  }
+  return step != DBL_MAX;
+}
+
+namespace gfit::detail {
+
+bool finite_points(std::vector<giPoint2> const& points) {
+  for (giPoint2 const& p : points)
+    if (!p.finite()) return false;
+  return true;
+}
+
+bool valid_radii(std::vector<giPoint2> const& points, std::vector<double> const& radii) {
+  if (radii.size() != points.size()) return false;
+  for (double r : radii)
+    if (!std::isfinite(r) || r < 0.0) return false;
+  return true;
+}
+
+giPoint2 centroid(std::vector<giPoint2> const& points) {
+  double sx = 0.0, sy = 0.0;
+  for (giPoint2 const& p : points) {
+    sx += p.x();
+    sy += p.y();
+  }
+  double n = static_cast<double>(points.size());
+  return giPoint2(sx / n, sy / n);
+}
+
+}  // namespace gfit::detail
