@@ -74,7 +74,7 @@ class GFIT_CAD_EXPORT tskSurf {
   // extension (any case). A missing, unreadable or malformed file, or one without any shape,
   // gives an empty handle and a message in `error`. OpenCASCADE's console output is silenced.
   static tskSurfPtr read(std::string const& path, std::string& error);
-  // Writes the surface as STEP or BREP (by extension); false with a message on failure.
+  // Writes the surface as STEP, IGES or BREP (by extension); false with a message on failure.
   bool write(std::string const& path, std::string& error) const;
 
   // A surface over a deep copy of `shape` (its faces, in the order OpenCASCADE explores them).

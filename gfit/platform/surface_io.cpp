@@ -4,6 +4,7 @@
 #include <BRep_Builder.hxx>
 #include <IFSelect_ReturnStatus.hxx>
 #include <IGESControl_Reader.hxx>
+#include <IGESControl_Writer.hxx>
 #include <Interface_Static.hxx>
 #include <Message.hxx>
 #include <Message_Messenger.hxx>
@@ -123,6 +124,14 @@ bool tskSurf::write(std::string const& path, std::string& error) const {
       }
       return true;
     }
+    if (ext == "iges" || ext == "igs") {
+      IGESControl_Writer writer("MM", 1);  // faces as B-rep entities
+      if (!writer.AddShape(shape()) || (writer.ComputeModel(), !writer.Write(path.c_str()))) {
+        error = "cannot write " + path;
+        return false;
+      }
+      return true;
+    }
     if (ext == "brep" || ext == "brp") {
       if (!BRepTools::Write(shape(), path.c_str())) {
         error = "cannot write " + path;
@@ -134,6 +143,6 @@ bool tskSurf::write(std::string const& path, std::string& error) const {
     error = "cannot write " + path + ": " + e.GetMessageString();
     return false;
   }
-  error = path + ": can only write .step, .stp, .brep or .brp";
+  error = path + ": can only write .step, .stp, .iges, .igs, .brep or .brp";
   return false;
 }

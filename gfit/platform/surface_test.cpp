@@ -78,9 +78,10 @@ std::vector<ClosedForm> closed_forms() {
   };
 }
 
-// Points near (within `spread` of) each surface, on both sides.
+// Points within 3 mm of a face, on both sides, away from its boundary.
 giPoint3 near_point(Rng& rng, ClosedForm const& c) {
-  giPoint3 seed = kOrigin + giVector3(rng.direction()) * rng.uniform(5.0, 30.0) + kAxis * rng.uniform(10.0, 60.0);
+  giVector3 across = kAxis.cross(rng.direction());
+  giPoint3 seed = kOrigin + kAxis * rng.uniform(5.0, 60.0) + across.unit() * rng.uniform(5.0, 45.0);
   giPoint3 f;
   giUnitVec3 n;
   c.foot(seed, f, n);
@@ -128,15 +129,19 @@ TEST(SurfaceKernel, TrimmedFacesOnlyHoldTheirOwnFootPoints) {
   tskSurfPtr plate = plate_with_hole();
   plate->project(giPoint3(105, 30, 12), feet);
   for (int i = 0; i < feet.count(); ++i) EXPECT_LE(feet[i].point.x(), 100.0 + 1e-7);
-  // Over the hole, the top face has no foot point either: the nearest is on the hole's wall.
-  plate->project(giPoint3(30, 30, 9), feet);
-  ASSERT_GE(feet.count(), 1);
-  EXPECT_NEAR(feet[0].distance, 8.0, kExact);
-  // The half cylinder holds the +X half only.
+  // Over the hole, the top face has no interior foot point: the nearest is on the hole's wall,
+  // then the hole's rim.
+  plate->project(giPoint3(33, 30, 9), feet);
+  ASSERT_GE(feet.count(), 2);
+  EXPECT_NEAR(feet[0].distance, 5.0, kExact);
+  EXPECT_NEAR(feet[1].distance, std::sqrt(26.0), kExact);
+  // The half cylinder holds the x >= 0 half only: from x = -15, the far side (x = 10) and
+  // the nearest point of the boundary (x = 0) are foot points, the near side is not.
   tskSurfPtr half = half_cylinder_face(giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), 10.0, 20.0);
   half->project(giPoint3(-15, 0.5, 5), feet);
-  ASSERT_EQ(feet.count(), 1);  // only the far side lies on the face
-  EXPECT_GT(feet[0].point.x(), 0.0);
+  ASSERT_EQ(feet.count(), 2);
+  EXPECT_LT(feet[0].point.distance(giPoint3(0, 10, 5)), kExact);
+  EXPECT_NEAR(feet[1].point.x(), 10.0 * 15 / std::hypot(15.0, 0.5), kExact);
 }
 
 // Points just outside (or inside) a part and the outward normal there.
