@@ -23,16 +23,24 @@ void gfSurfProjectorForFitting3::rotate_and_project(giXform3 const& xform, gfPro
                                      : xform.transform(giVector3(probed->approximate_normal())).unit();
   double const r = probed->radius();
 
-  // A foot point seen along its normal from the probing side scores |1 - r|, which no farther
-  // foot point can beat when r >= 0 (they all score |1 - r| or 1 + r): it decides the answer.
-  auto decisive = [&](tskSurfPoint const& foot) {
-    if (!(r >= 0.0) || foot.distance < on_surface) return false;
+  // Which farther foot points could still beat this one? Those off the surface all score
+  // |1 - r| (probing side) or 1 + r, and a tie keeps the earlier one. So with r >= 0 an accepted
+  // foot point off the surface that scores |1 - r| (on the probing side, or any side for r = 0)
+  // settles the answer at its own distance, and one on the surface that scores no more than
+  // |1 - r| leaves only the foot points within 1e-4 of P to compare.
+  auto cutoff = [&](tskSurfPoint const& foot) {
     giUnitVec3 n;
-    if (!surface_.normal(foot, normal_tolerance, normal_tolerance, n)) return false;
-    giUnitVec3 u = (p - foot.point).unit();
-    return n.cross(u).length() <= parallel_limit && dot_or_zero(approximate, u) > 0.0;
+    if (!(r >= 0.0) || !surface_.normal(foot, normal_tolerance, normal_tolerance, n)) return DBL_MAX;
+    giVector3 d = p - foot.point;
+    if (foot.distance < on_surface) {
+      giUnitVec3 oriented = dot_or_zero(approximate, n) < 0.0 ? -n : n;
+      return std::fabs(oriented.dot(d) - r) <= std::fabs(1.0 - r) ? on_surface : DBL_MAX;
+    }
+    giUnitVec3 u = d.unit();
+    bool accepted = n.cross(u).length() <= parallel_limit;
+    return accepted && (r == 0.0 || dot_or_zero(approximate, u) > 0.0) ? foot.distance : DBL_MAX;
   };
-  surface_.project(p, feet_, decisive);
+  surface_.project(p, feet_, cutoff);
 
   double best = DBL_MAX;
   giPoint3 nominal;

@@ -14,7 +14,8 @@
 // Scoring on the unit vector is deliberate: every accepted foot point on the probing side
 // scores |1 - r| and every other one 1 + r, so with the list nearest first the nearest
 // acceptable foot point on the probing side wins. That also means that once such a foot point
-// is found, farther faces cannot change the answer, and the kernel is told to skip them.
+// is found (any accepted one when r = 0), farther faces cannot change the answer, and the
+// kernel is told to skip them.
 #pragma once
 
 #include "gfit/fitpoints/projector.h"

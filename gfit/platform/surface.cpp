@@ -20,6 +20,7 @@
 #include <BRepBuilderAPI_Transform.hxx>
 #include <BRepTools.hxx>
 #include <BRepTopAdaptor_FClass2d.hxx>
+#include <BRep_Builder.hxx>
 #include <BRep_Tool.hxx>
 #include <Bnd_Box.hxx>
 #include <ElSLib.hxx>
@@ -37,7 +38,9 @@
 #include <TopTools_IndexedMapOfShape.hxx>
 #include <TopoDS.hxx>
 #include <TopoDS_Face.hxx>
+#include <TopoDS_Iterator.hxx>
 #include <TopoDS_Shape.hxx>
+#include <TopoDS_Wire.hxx>
 #include <gp_GTrsf.hxx>
 #include <gp_Trsf.hxx>
 
@@ -132,6 +135,14 @@ struct Edge {
   double box[6];
 };
 
+// A wire of a face with holes, classified on its own so that points outside its parameter box
+// need no test against it: faces with hundreds of holes would otherwise test every hole.
+struct Wire {
+  TopoDS_Face face;  // the face's surface bounded by this wire alone
+  double box[4];     // umin, umax, vmin, vmax, widened by the tolerance
+  bool hole;
+};
+
 struct Face {
   FaceKind kind = FaceKind::general;
   Handle(Geom_Surface) surface;  // world coordinates: foot points are sought on it
@@ -142,6 +153,7 @@ struct Face {
   // (their parameters on `surface`), or, for hand-mapped faces, mapped back by `inverse` and
   // located on the base plane or cylinder `base_frame` (radius `base_radius`).
   TopoDS_Face domain;
+  std::vector<Wire> wires;  // filled for faces with holes on non-periodic surfaces
   double tolerance = 1e-7;
   bool via_base = false;
   giXform3 inverse;
@@ -176,6 +188,7 @@ struct FaceWork {
   Handle(GeomAdaptor_Surface) adaptor;
   Extrema_ExtPS extrema;
   std::unique_ptr<BRepTopAdaptor_FClass2d> classifier;
+  std::vector<std::unique_ptr<BRepTopAdaptor_FClass2d>> wire_classifiers;  // built on first use
   std::vector<std::unique_ptr<EdgeWork>> edges;  // built on first use
 };
 
@@ -361,6 +374,31 @@ bool mapped_face(TopoDS_Face const& base_face, giXform3 const& x, giXform3 const
   return true;
 }
 
+void split_wires(Face& f) {
+  Handle(Geom_Surface) s = BRep_Tool::Surface(f.domain);
+  if (s->IsUPeriodic() || s->IsVPeriodic()) return;
+  TopoDS_Face forward = TopoDS::Face(f.domain.Oriented(TopAbs_FORWARD));
+  TopoDS_Wire outer = BRepTools::OuterWire(forward);
+  std::vector<Wire> wires;
+  BRep_Builder builder;
+  for (TopoDS_Iterator it(forward); it.More(); it.Next()) {
+    if (it.Value().ShapeType() != TopAbs_WIRE) continue;
+    TopoDS_Wire const& wire = TopoDS::Wire(it.Value());
+    Wire w;
+    w.face = TopoDS::Face(forward.EmptyCopied());
+    builder.Add(w.face, wire);
+    BRepTools::UVBounds(forward, wire, w.box[0], w.box[1], w.box[2], w.box[3]);
+    double margin = 1e-6 + f.tolerance;
+    w.box[0] -= margin;
+    w.box[1] += margin;
+    w.box[2] -= margin;
+    w.box[3] += margin;
+    w.hole = !wire.IsSame(outer);
+    wires.push_back(w);
+  }
+  if (wires.size() > 1) f.wires = std::move(wires);
+}
+
 // Builds the world shape and the faces of `d` from its base and transform. Throws
 // Standard_Failure when OpenCASCADE cannot.
 void build(SurfData& d) {
@@ -393,7 +431,8 @@ void build(SurfData& d) {
       d.faces.push_back(f);
     }
   }
-  for (Face const& f : d.faces) {
+  for (Face& f : d.faces) {
+    split_wires(f);
     if (f.box[0] > f.box[3]) continue;
     d.box.merge(giPoint3(f.box[0], f.box[1], f.box[2]));
     d.box.merge(giPoint3(f.box[3], f.box[4], f.box[5]));
@@ -414,7 +453,8 @@ FaceWork& face_work(SurfWorkspace& ws, std::vector<Face> const& faces, int i) {
       w->extrema.SetFlag(Extrema_ExtFlag_MIN);
       w->extrema.SetAlgo(Extrema_ExtAlgo_Tree);
     }
-    w->classifier = std::make_unique<BRepTopAdaptor_FClass2d>(f.domain, f.tolerance);
+    if (f.wires.empty()) w->classifier = std::make_unique<BRepTopAdaptor_FClass2d>(f.domain, f.tolerance);
+    w->wire_classifiers.resize(f.wires.size());
     w->edges.resize(f.edges.size());
     slot = std::move(w);
   }
@@ -422,7 +462,7 @@ FaceWork& face_work(SurfWorkspace& ws, std::vector<Face> const& faces, int i) {
 }
 
 // Is the foot point inside the trimmed face?
-bool inside(Face const& f, FaceWork const& w, gp_Pnt const& foot, double u, double v) {
+bool inside(Face const& f, FaceWork& w, gp_Pnt const& foot, double u, double v) {
   if (f.via_base) {
     gp_Pnt base = to_occ(f.inverse.transform(to_gi(foot)));
     if (f.kind == FaceKind::plane)
@@ -430,8 +470,24 @@ bool inside(Face const& f, FaceWork const& w, gp_Pnt const& foot, double u, doub
     else
       ElSLib::CylinderParameters(f.base_frame, f.base_radius, base, u, v);
   }
-  TopAbs_State state = w.classifier->Perform(gp_Pnt2d(u, v));
-  return state == TopAbs_IN || state == TopAbs_ON;
+  gp_Pnt2d uv(u, v);
+  if (f.wires.empty()) {
+    TopAbs_State state = w.classifier->Perform(uv);
+    return state == TopAbs_IN || state == TopAbs_ON;
+  }
+  // Inside the outer wire and outside every hole; a wire whose box misses the point is decided
+  // by its kind alone.
+  for (size_t i = 0; i < f.wires.size(); ++i) {
+    Wire const& wire = f.wires[i];
+    if (u < wire.box[0] || u > wire.box[1] || v < wire.box[2] || v > wire.box[3]) {
+      if (!wire.hole) return false;
+      continue;
+    }
+    std::unique_ptr<BRepTopAdaptor_FClass2d>& c = w.wire_classifiers[i];
+    if (!c) c = std::make_unique<BRepTopAdaptor_FClass2d>(wire.face, f.tolerance);
+    if (c->Perform(uv) == TopAbs_OUT) return false;
+  }
+  return true;
 }
 
 EdgeWork& edge_work(FaceWork& w, Face const& f, size_t i) {
@@ -583,7 +639,7 @@ bool tskSurf::transform(tskSurfPtr& surface, giXform3 const& xform) {
 int tskSurf::n_faces() const { return static_cast<int>(data_->faces.size()); }
 giBox3 tskSurf::box() const { return data_->box; }
 
-void tskSurf::project(giPoint3 const& p, tskSurfPointList& feet, Decisive const& decisive) const {
+void tskSurf::project(giPoint3 const& p, tskSurfPointList& feet, Cutoff const& cutoff) const {
   feet.points_.clear(0);
   if (!p.finite() || p.invalid()) return;
   std::vector<Face> const& faces = data_->faces;
@@ -598,11 +654,16 @@ void tskSurf::project(giPoint3 const& p, tskSurfPointList& feet, Decisive const&
   gp_Pnt q = gfit::detail::to_occ(p);
   ws.visit.clear();
   for (int i = 0; i < static_cast<int>(faces.size()); ++i) ws.visit.emplace_back(gfit::detail::box_distance(faces[i].box, q), i);
-  std::sort(ws.visit.begin(), ws.visit.end());
+  // Nearest box first, taken from a heap: with a cutoff only a few faces are ever taken.
+  auto farther = [](std::pair<double, int> const& a, std::pair<double, int> const& b) { return a > b; };
+  std::make_heap(ws.visit.begin(), ws.visit.end(), farther);
 
   ws.found.clear();
   double limit = DBL_MAX;
-  for (auto const& [box_dist, i] : ws.visit) {
+  while (!ws.visit.empty()) {
+    std::pop_heap(ws.visit.begin(), ws.visit.end(), farther);
+    auto const [box_dist, i] = ws.visit.back();
+    ws.visit.pop_back();
     if (box_dist > limit) break;
     size_t first = ws.found.size();
     try {
@@ -611,9 +672,8 @@ void tskSurf::project(giPoint3 const& p, tskSurfPointList& feet, Decisive const&
       ws.found.resize(first);  // a face OpenCASCADE cannot search contributes nothing
       continue;
     }
-    if (decisive)
-      for (size_t k = first; k < ws.found.size(); ++k)
-        if (ws.found[k].foot.distance < limit && decisive(ws.found[k].foot)) limit = ws.found[k].foot.distance;
+    if (cutoff)
+      for (size_t k = first; k < ws.found.size(); ++k) limit = std::min(limit, cutoff(ws.found[k].foot));
   }
 
   std::sort(ws.found.begin(), ws.found.end(), [](Candidate const& a, Candidate const& b) {

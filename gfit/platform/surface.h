@@ -98,19 +98,21 @@ class GFIT_CAD_EXPORT tskSurf {
   // The bounding box of all faces (empty without faces).
   giBox3 box() const;
 
-  // Says whether a foot point alone decides the caller's answer, whatever farther foot points
-  // there are; `project` then skips faces whose bounding box is farther than it.
-  using Decisive = std::function<bool(tskSurfPoint const&)>;
+  // Given one foot point, the distance beyond which no foot point can change the caller's
+  // answer any more (DBL_MAX when this one settles nothing); `project` then skips the faces
+  // whose bounding box lies farther away.
+  using Cutoff = std::function<double(tskSurfPoint const&)>;
 
-  // Clears `feet` and fills it with the foot points of `p` (see the file comment). Faces are
-  // visited nearest bounding box first. With `decisive`, faces whose bounding box is farther
-  // than the nearest decisive foot point found are skipped: the list then holds every foot
+  // Clears `feet` and fills it with the foot points of `p` (see the file comment). A face whose
+  // nearest point lies on its boundary (p beyond it) contributes that point as well. Faces are
+  // visited nearest bounding box first. With `cutoff`, faces whose bounding box is farther than
+  // the smallest cutoff of the foot points found are skipped: the list then holds every foot
   // point up to that distance (identical to the full list there) and possibly some beyond.
   // On B-spline and other free-form faces, foot points are found from a sampling grid refined
   // by Newton steps and only the local minima of the distance are returned: the nearest foot
   // point of such a face is found, maxima and saddles are not. A non-finite point has no foot
   // point.
-  void project(giPoint3 const& p, tskSurfPointList& feet, Decisive const& decisive = {}) const;
+  void project(giPoint3 const& p, tskSurfPointList& feet, Cutoff const& cutoff = {}) const;
 
   // The outward normal of the face (in its solid: reversed faces are taken into account) at a
   // foot point. False where the normal is not defined: within `distance_tolerance` of a

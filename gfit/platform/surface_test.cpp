@@ -301,21 +301,21 @@ TEST(SurfaceKernel, NonUniformScalesKeepPlanesAndCylindersExact) {
   EXPECT_NEAR(feet[0].distance, 2.0, kExact);
 }
 
-TEST(SurfaceKernel, DecisiveFootPointsPruneOnlyWhatCannotMatter) {
+TEST(SurfaceKernel, CutoffsPruneOnlyWhatCannotMatter) {
   tskSurfPtr part = holed_plate(6);
   ASSERT_EQ(part->n_faces(), 42);
   Rng rng(3);
   tskSurfPointList all, pruned;
-  // Decisive: any foot point farther than 1 mm (a stand-in for the projector's rule).
-  auto decisive = [](tskSurfPoint const& f) { return f.distance > 1.0; };
+  // A stand-in for the projector's rule: foot points beyond 1 mm settle everything behind them.
+  auto cutoff = [](tskSurfPoint const& f) { return f.distance > 1.0 ? f.distance : DBL_MAX; };
   for (int i = 0; i < 200; ++i) {
     giPoint3 p(rng.uniform(-5, 65), rng.uniform(-5, 65), rng.uniform(-5, 13));
     part->project(p, all);
-    part->project(p, pruned, decisive);
+    part->project(p, pruned, cutoff);
     ASSERT_LE(pruned.count(), all.count());
     for (int k = 0; k < pruned.count(); ++k) {
       EXPECT_EQ(pruned[k].point, all[k].point);
-      if (decisive(all[k])) break;  // the list may differ beyond the first decisive one
+      if (cutoff(all[k]) < DBL_MAX) break;  // the lists may differ beyond the first cut
     }
   }
 }
