@@ -46,4 +46,8 @@ giPoint2coDynArr points2(PointTable const& t);
 // The families.
 std::vector<Element> line_plane_elements();
 
+// `gfit deviations --cad PART POINTS`: deviations of measured points from a CAD part
+// (built with gfit::cad only).
+int run_deviations(std::vector<std::string> const& args);
+
 }  // namespace gfit::cli

@@ -56,8 +56,11 @@ void gfSurfProjectorForFitting3::rotate_and_project(giXform3 const& xform, gfPro
     if (length >= on_surface) {
       giUnitVec3 u = d.unit();
       if (n.cross(u).length() > parallel_limit) continue;
-      oriented = dot_or_zero(approximate, u) > 0.0 ? u : -u;
-      score = std::fabs(oriented.dot(u) - r);
+      // n' = +-u, so n'.u is +-1 exactly; taking the product instead would let |u|^2 = 1 +- 1 ulp
+      // break the ties between equally good foot points that the first one must win.
+      bool probing_side = dot_or_zero(approximate, u) > 0.0;
+      oriented = probing_side ? u : -u;
+      score = std::fabs((probing_side ? 1.0 : -1.0) - r);
     } else {
       oriented = dot_or_zero(approximate, n) < 0.0 ? -n : n;
       score = std::fabs(oriented.dot(d) - r);

@@ -80,6 +80,21 @@ TEST(SurfaceProjector, EqualScoresKeepTheFirstFootPoint) {
   EXPECT_EQ(project(*compound({below, above}), giPoint3(0, 0, 0), across, 0.0).nominal_point(), giPoint3(0, 0, -1));
 }
 
+TEST(SurfaceProjector, RoundingNeverBreaksATieAgainstTheNearWall) {
+  // A point 2 micrometres inside the material behind the hole's wall: the near and the far
+  // wall both score exactly 1 (r = 0), and the near one, first in the list, must win. Scoring
+  // n'.u as a product made |u|^2 = 1 - 1 ulp hand some of these points to the far wall.
+  tskSurfPtr plate = plate_with_hole();
+  for (double angle = 0.0; angle < 6.28; angle += 0.1) {
+    giUnitVec3 radial(std::cos(angle), std::sin(angle), 0.0);
+    giPoint3 p = giPoint3(30, 30, 5) + radial * 8.002;
+    gfProjectedPoint3 out = project(*plate, p, -radial, 0.0);
+    ASSERT_FALSE(out.invalid());
+    EXPECT_NEAR(out.distance(), 0.002, 1e-9) << angle;
+    EXPECT_NEAR(out.signed_distance(), -0.002, 1e-9) << angle;
+  }
+}
+
 TEST(SurfaceProjector, TheProbingSideBeatsANearerFootPoint) {
   // With a ball of radius 0.5 the probing-side foot scores 0.5 and the other one 1.5.
   tskSurfPtr two = compound({plane_face(giPoint3(0, 0, 1), giUnitVec3(0, 0, 1), 5.0),

@@ -9,6 +9,8 @@
 #include <BRepPrimAPI_MakeBox.hxx>
 #include <BRepPrimAPI_MakePrism.hxx>
 #include <BRep_Builder.hxx>
+#include <BRep_Tool.hxx>
+#include <Geom_Curve.hxx>
 #include <GC_MakeCircle.hxx>
 #include <GeomAPI_PointsToBSplineSurface.hxx>
 #include <Geom_BSplineSurface.hxx>
@@ -114,6 +116,33 @@ tskSurfPtr holed_plate(int n) {
     for (int j = 0; j < n; ++j) centres.emplace_back(10.0 * i + 5.0, 10.0 * j + 5.0, 0.0);
   TopoDS_Face base = holed_rectangle(0, 0, 10.0 * n, 10.0 * n, centres, 3.0);
   return tskSurf::from_shape(BRepPrimAPI_MakePrism(base, gp_Vec(0, 0, 8)).Shape());
+}
+
+tskSurfPtr demo_bracket() {
+  double const w = 80, h = 50, r = 6;
+  gp_Pnt corner[4] = {{r, 0, 0}, {w, r, 0}, {w - r, h, 0}, {0, h - r, 0}};
+  gp_Pnt centre[4] = {{w - r, r, 0}, {w - r, h - r, 0}, {r, h - r, 0}, {r, r, 0}};
+  gp_Pnt end[4] = {{w - r, 0, 0}, {w, h - r, 0}, {r, h, 0}, {0, r, 0}};
+  BRepBuilderAPI_MakeWire outline;
+  for (int i = 0; i < 4; ++i) {
+    outline.Add(BRepBuilderAPI_MakeEdge(corner[i], end[i]).Edge());
+    gp_Circ arc(gp_Ax2(centre[i], gp::DZ()), r);
+    outline.Add(BRepBuilderAPI_MakeEdge(arc, end[i], corner[(i + 1) % 4]).Edge());
+  }
+  BRepBuilderAPI_MakeFace base(outline.Wire(), Standard_True);
+  gp_Circ hole(gp_Ax2(gp_Pnt(25, 25, 0), gp::DZ()), 8.0);
+  base.Add(TopoDS::Wire(BRepBuilderAPI_MakeWire(BRepBuilderAPI_MakeEdge(hole).Edge()).Wire().Reversed()));
+  TopoDS_Shape block = BRepPrimAPI_MakePrism(base.Face(), gp_Vec(0, 0, 20)).Shape();
+  // Round the outer edges of the top face.
+  BRepFilletAPI_MakeFillet fillet(block);
+  for (TopExp_Explorer e(block, TopAbs_EDGE); e.More(); e.Next()) {
+    Standard_Real first, last;
+    Handle(Geom_Curve) c = BRep_Tool::Curve(TopoDS::Edge(e.Current()), first, last);
+    gp_Pnt mid = c->Value(0.5 * (first + last));
+    bool top = std::fabs(mid.Z() - 20) < 1e-9 && mid.Distance(gp_Pnt(25, 25, 20)) > 8.5;
+    if (top) fillet.Add(2.0, TopoDS::Edge(e.Current()));
+  }
+  return tskSurf::from_shape(fillet.Shape());
 }
 
 tskSurfPtr compound(std::vector<tskSurfPtr> const& parts) {

@@ -30,6 +30,10 @@ tskSurfPtr filleted_block();
 // A 10 n x 10 n x 8 plate with n x n through holes of radius 3: n^2 + 6 faces.
 tskSurfPtr holed_plate(int n);
 
+// The demo part: an 80 x 50 x 20 bracket with rounded vertical corners (radius 6), a through
+// hole of radius 8 at (25, 25) and its top outer edges rounded by 2 (planes, cylinders, tori).
+tskSurfPtr demo_bracket();
+
 // The faces of several surfaces in one, in the order given.
 tskSurfPtr compound(std::vector<tskSurfPtr> const& parts);
 // The same surface with every face converted to a B-spline face.
