@@ -30,6 +30,10 @@ demo: configure
 	@$(GFIT) fit plane data/plane.xyz
 	@echo "== 3-D line through data/line.xyz"
 	@$(GFIT) fit line3 data/line.xyz
+	@echo "== cylinder through data/cylinder.xyz (a probed bore)"
+	@$(GFIT) fit cylinder data/cylinder.xyz
+	@echo "== the same bore, with its surface normals"
+	@$(GFIT) fit cylinder data/cylinder.xyz --normals data/cylinder-normals.xyz
 	@echo "== deviations of data/bracket.xyz from the CAD part data/bracket.step (first and last rows, summary)"
 	@$(GFIT) deviations --cad data/bracket.step data/bracket.xyz | sed -n '1,4p;400,$$p'
 

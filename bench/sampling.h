@@ -42,3 +42,32 @@ inline giPoint2coDynArr circle_scan(int n, double cx, double cy, double r) {
 }
 
 }  // namespace gfit::bench
+
+namespace gfit::bench {
+
+// A noisy cylinder (radius 20, length 80) about an oblique axis away from the origin,
+// covering `span` radians of its circumference.
+inline giPoint3coDynArr cylinder_scan(int n, double span) {
+  const giUnitVec3 axis(0.3, -0.5, 0.81);
+  const giUnitVec3 e1 = axis.any_normal(), e2(axis.cross(e1));
+  const giPoint3 origin(420.0, -130.0, 75.0);
+  giPoint3coDynArr pts(n, 1024);
+  for (int i = 0; i < n; ++i) {
+    double t = span * (0.5 + 0.5 * scramble(4 * i)), h = 40.0 * scramble(4 * i + 1);
+    double r = 20.0 + 2e-3 * scramble(4 * i + 2);
+    pts.append(origin + axis * h + e1 * (r * std::cos(t)) + e2 * (r * std::sin(t)));
+  }
+  return pts;
+}
+
+inline giPoint3coDynArr sphere_scan(int n) {
+  giPoint3coDynArr pts(n, 1024);
+  for (int i = 0; i < n; ++i) {
+    double z = scramble(4 * i), phi = M_PI * scramble(4 * i + 1), s = std::sqrt(1 - z * z);
+    double r = 12.5 + 2e-3 * scramble(4 * i + 2);
+    pts.append(giPoint3(-310.0 + r * s * std::cos(phi), 95.0 + r * s * std::sin(phi), 60.0 + r * z));
+  }
+  return pts;
+}
+
+}  // namespace gfit::bench

@@ -11,6 +11,7 @@
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/matrix.h"
 #include "gfit/platform/pagearr.h"
+#include "gfit/platform/parallel.h"
 #include "gfit/platform/point.h"
 #include "gfit/platform/random.h"
 #include "gfit/platform/shapes.h"
@@ -23,6 +24,7 @@
 #include "gfit/platform/xform.h"
 
 // utilities
+#include "gfit/utilities/direction_sampling.h"
 #include "gfit/utilities/vector_utils.h"
 
 // fit points, projectors and nominal objects (the CAD surface ones: gfit/cad.h)
@@ -34,4 +36,12 @@
 
 // least-squares fits
 #include "gfit/leastsquares/distance.h"
+#include "gfit/leastsquares/axis_of_revolution.h"
+#include "gfit/leastsquares/circle.h"
+#include "gfit/leastsquares/cylinder.h"
+#include "gfit/leastsquares/direct_fit.h"
+#include "gfit/leastsquares/ellipse.h"
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/probed.h"
+#include "gfit/leastsquares/sphere.h"
+#include "gfit/leastsquares/sphere_fit.h"

@@ -45,6 +45,8 @@ giPoint2coDynArr points2(PointTable const& t);
 
 // The families.
 std::vector<Element> line_plane_elements();
+std::vector<Element> circle_cylinder_elements();
+std::vector<Element> direct_fit_elements();
 
 // `gfit deviations --cad PART POINTS`: deviations of measured points from a CAD part
 // (built with gfit::cad only).

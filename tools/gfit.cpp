@@ -60,7 +60,7 @@ using namespace gfit::cli;
 std::vector<Element> const& elements() {
   static const std::vector<Element> table = [] {
     std::vector<Element> all;
-    for (auto family : {line_plane_elements}) {
+    for (auto family : {line_plane_elements, circle_cylinder_elements, direct_fit_elements}) {
       std::vector<Element> some = family();
       all.insert(all.end(), some.begin(), some.end());
     }

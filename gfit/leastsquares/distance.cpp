@@ -55,6 +55,30 @@ giPoint2 mean_of(giPoint2 const* p, int n) {
   return {x0 + sx * inv, y0 + sy * inv};
 }
 
+bool all_finite(giPoint3coDynArr const& points) {
+  for (giPoint3 const& p : points)
+    if (!p.finite()) return false;
+  return true;
+}
+
+bool all_finite(giPoint2coDynArr const& points) {
+  for (giPoint2 const& p : points)
+    if (!p.finite()) return false;
+  return true;
+}
+
+bool all_finite(doublecoDynArr const& values) {
+  for (double v : values)
+    if (!std::isfinite(v)) return false;
+  return true;
+}
+
+bool all_valid(giUnitVec3coDynArr const& vectors) {
+  for (giUnitVec3 const& v : vectors)
+    if (v.invalid() || !std::isfinite(v.x()) || !std::isfinite(v.y()) || !std::isfinite(v.z())) return false;
+  return true;
+}
+
 }  // namespace gfit::detail
 
 // ---- 2-D --------------------------------------------------------------------------------

@@ -59,4 +59,11 @@ namespace gfit::detail {
 // coordinates give non-finite results.
 GFIT_EXPORT giPoint3 mean_of(giPoint3 const* points, int n);
 GFIT_EXPORT giPoint2 mean_of(giPoint2 const* points, int n);
+
+// Every coordinate finite: the entries refuse anything else.
+GFIT_EXPORT bool all_finite(giPoint3coDynArr const& points);
+GFIT_EXPORT bool all_finite(giPoint2coDynArr const& points);
+GFIT_EXPORT bool all_finite(doublecoDynArr const& values);
+// Every vector set (not the unset mark) and finite.
+GFIT_EXPORT bool all_valid(giUnitVec3coDynArr const& vectors);
 }  // namespace gfit::detail

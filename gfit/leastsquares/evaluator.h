@@ -14,7 +14,11 @@
 #pragma once
 
 #include "gfit/gfit_export.h"
+#include "gfit/platform/angle.h"
 #include "gfit/platform/arrays.h"
+
+class gfFittedCylinder;
+using gfFittedCylindercoDynArr = coDynArr<gfFittedCylinder>;
 
 class GFIT_EXPORT gfLeastSquareEvaluator {
  public:
@@ -33,4 +37,76 @@ class GFIT_EXPORT gfLeastSquareEvaluator {
   // the status of the in-plane line; its outputs are written whenever that line ran.
   static int evaluate_line2(giPoint3 const& origin, giUnitVec3 const& normal, giPoint3coDynArr const& points,
                             giPoint3& point, giUnitVec3& direction, double& residual);
+
+  // Circles and spheres by Levenberg-Marquardt (at least 3 points, 4 for the sphere).
+  // evaluate_circle starts from the centroid and the mean distance from it.
+  static int evaluate_circle(giPoint2coDynArr const& points, giPoint2& centre, double& radius, double& residual);
+  // The circle in the plane (origin, normal), its centre mapped back into space; the
+  // residual is taken in space, so it counts the points' heights above the plane as well.
+  static int evaluate_circle2(giPoint3 const& origin, giUnitVec3 const& normal, giPoint3coDynArr const& points,
+                              giPoint3& centre, double& radius, double& residual);
+  // The circle in space: a plane, the circle in it, then the 7-parameter circle. Dense
+  // inputs are thinned to 10000 points (all up to 10000; the first 10000 below 12000; 10000
+  // spread evenly from 12000 on). The normal's sign is the plane fit's.
+  static int evaluate_circle3(giPoint3coDynArr const& points, giPoint3& centre, giUnitVec3& normal, double& radius,
+                              double& residual);
+  // The sphere: a fit from the centroid with three times the range as radius; when its mean
+  // squared distance is not below range * 0.003, 19 more fits from the best of 100 random
+  // spheres each (seed 1), keeping the best.
+  static int evaluate_sphere(giPoint3coDynArr const& points, giPoint3& centre, double& radius, double& residual);
+
+  // The cylinder (see gfCalculateLeastSquareCylinder in leastsquares/cylinder.h): at least 4
+  // points here, 5 in the computation. Whenever the computation returns 0, the direction's
+  // x is set to -DBL_MAX as a failure mark. With a guess axis (unset: none) and its angle:
+  static int evaluate_cylinder(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction, double& radius,
+                               double& residual, giUnitVec3 const& guess, giAngle const& angle, int k);
+  // With surface normals (one per point) that the radial directions must agree with:
+  static int evaluate_cylinder(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
+                               giAngle const& angle, giPoint3& point, giUnitVec3& direction, double& radius,
+                               double& residual, int k);
+  // Several distinct cylinders in one point set (gfCalculateMultipleLeastSquareCylinders).
+  static int evaluate_multiple_cylinders(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
+                                         double tolerance, giAngle const& angle, int count,
+                                         gfFittedCylindercoDynArr& results);
+
+  // The geometric ellipse (gfCalculateLeastSquareEllipse in leastsquares/ellipse.h): centre,
+  // semi-axes major >= minor, the major axis's angle in [0, pi), residual.
+  static int evaluate_ellipse(giPoint2coDynArr const& points, giPoint2& centre, double& major, double& minor,
+                              double& angle, double& residual);
+  // The ellipse in the plane (origin, normal), its centre mapped back into space. The angle
+  // is measured from `direction` projected into the plane, counter-clockwise about the
+  // normal (from the projection frame's x axis when `direction` is unset; a direction along
+  // the normal is refused). The residual is taken in space: it includes the points' heights
+  // above the plane, like the residuals of evaluate_circle2 and evaluate_line2, so that
+  // points that do not lie in the given plane show in it.
+  static int evaluate_ellipse2(giPoint3 const& origin, giUnitVec3 const& normal, giUnitVec3 const& direction,
+                               giPoint3coDynArr const& points, giPoint3& centre, double& major, double& minor,
+                               double& angle, double& residual);
+
+  // Probe-compensated fits (leastsquares/probed.h): `radii` holds a ball radius per point;
+  // `inside` non-zero when the probe centres lie inside the circle or sphere.
+  // The circle: 10 fits from starts spread by the largest radius about the centroid (seed 1).
+  static int evaluate_probed_circle(giPoint2coDynArr const& points, doublecoDynArr const& radii, int inside,
+                                    giPoint2& centre, double& radius, double& residual);
+  // The sphere: the restart scheme of evaluate_sphere on the compensated distances.
+  static int evaluate_probed_sphere(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside,
+                                    giPoint3& centre, double& radius, double& residual);
+  // The plane and the line: `normals` (one per point) are approximate surface normals,
+  // pointing from the material to the probe centre; the surface is placed one ball radius
+  // behind each centre against them, and the returned normal agrees with them. When they
+  // sum to zero both sides are fitted and the better one is returned. The line returns its
+  // unit normal, not its direction.
+  static int evaluate_probed_plane(giPoint3coDynArr const& points, doublecoDynArr const& radii,
+                                   giUnitVec3coDynArr const& normals, giPoint3& point, giUnitVec3& normal,
+                                   double& residual);
+  static int evaluate_probed_line2(giPoint2coDynArr const& points, doublecoDynArr const& radii,
+                                   giUnitVec2coDynArr const& normals, giPoint2& point, giUnitVec2& normal,
+                                   double& residual);
+
+  // The axis of revolution from points and their surface normals (leastsquares/
+  // axis_of_revolution.h): at least 6 points and exactly one normal per point. With a set
+  // `direction`, one fit from (point, direction); otherwise the multi-start search.
+  static int evaluate_axis_rev(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals, giPoint3& point,
+                               giUnitVec3& direction, double& residual);
 };
+

@@ -26,7 +26,9 @@ class GFIT_EXPORT mlSymEigenVecs {
 // Real non-symmetric 3 x 3 eigenproblem. The real eigenvalues come first, in ascending
 // order (indices 0 .. n_real() - 1), then any complex pair (ordered by imaginary part).
 // `eigenvector(i)` is the unit real eigenvector of a real eigenvalue (the real part of the
-// complex one otherwise).
+// complex one otherwise). A complex pair whose imaginary part is at most sqrt(eps) |A|
+// (Frobenius norm) counts as a real double eigenvalue: rounding splits a double eigenvalue
+// into such a pair. Its two eigenvectors then span the pair's invariant plane.
 class GFIT_EXPORT mlAsymEigenVecs3 {
  public:
   explicit mlAsymEigenVecs3(mlMatrix const& a);

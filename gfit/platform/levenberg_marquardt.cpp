@@ -128,7 +128,7 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
   const int m = problem_.n_parameters();
   const int n = problem_.n_points();
   const double tol = strict_ ? strict_tolerance : default_tolerance;
-  const double stationary_tol = std::max(tol, 4.0 * std::numeric_limits<double>::epsilon());
+  const int polish_limit = strict_ ? 16 : 8;
   iterations_ = 0;
 
   mlVector p(m);
@@ -161,17 +161,18 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
     if (!(s > 0.0) || !std::isfinite(s)) s = 1.0;
     D[j] = s;
   }
-  auto scaled_norm = [&](mlVector const& x) {
+  auto resolution = [&]() {
     double s = 0.0;
-    for (int j = 0; j < m; ++j) s += (D[j] * x[j]) * (D[j] * x[j]);
-    return std::sqrt(s);
+    for (int j = 0; j < m; ++j) s += (D[j] * p[j]) * (D[j] * p[j]);
+    return tol * (std::sqrt(s) + tol);
   };
 
   Eigen::MatrixXd a_mat(m, m);
   Eigen::VectorXd g(m), a(m), zc(m), z(m);
   mlVector trial(m);
   double delta = -1.0;  // trust radius; the first step is the Gauss-Newton step
-  termination_ = iteration_limit;
+  int polish_steps = 0;
+  double last_polish = 0.0;
 
   for (;;) {
     if (ssr == 0.0) {
@@ -194,10 +195,6 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
     a.noalias() = svd.matrixU().transpose() * g;
     double predicted_gn = 0.0;
     for (int i = 0; i < r; ++i) predicted_gn += a[i] * a[i];
-    if (r == 0 || predicted_gn <= stationary_tol * ssr) {
-      termination_ = stationary;
-      break;
-    }
 
     // |D d(lambda)| for the damped step; lambda = 0 is Gauss-Newton.
     auto step_norm = [&](double lambda) {
@@ -208,10 +205,19 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
       }
       return std::sqrt(s);
     };
-    double gn_norm = step_norm(0.0);
+    const double gn_norm = step_norm(0.0);
+    if (r == 0 || gn_norm <= resolution()) {
+      termination_ = small_step;
+      break;
+    }
+    const bool polishing = predicted_gn <= 1e-8 * ssr;
+    if (polishing && (polish_steps >= polish_limit || (polish_steps > 0 && gn_norm > 0.5 * last_polish))) {
+      termination_ = stationary;
+      break;
+    }
     if (delta < 0.0) delta = gn_norm;
     double lambda = 0.0;
-    if (gn_norm > delta) {
+    if (!polishing && gn_norm > delta) {
       // Newton's method on 1/|z(lambda)| = 1/delta from lambda = 0 (Moré); it rises
       // monotonically to the root, which is accepted within 10%.
       double zn = gn_norm;
@@ -244,6 +250,21 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
     double ssr_trial = accumulate(problem_, trial_acc, squares.data());
     ++iterations_;
 
+    if (polishing) {
+      // Judged by its size (above), and accepted unless the sum of squares clearly grows.
+      if (!(ssr_trial <= ssr * (1.0 + 1e-10))) {
+        problem_.set_parameters(p);
+        termination_ = stationary;
+        break;
+      }
+      p = trial;
+      ssr = ssr_trial;
+      std::swap(acc, trial_acc);
+      last_polish = gn_norm;
+      ++polish_steps;
+      continue;
+    }
+
     double reduction = ssr - ssr_trial;
     double rho = predicted > 0.0 ? reduction / predicted : -1.0;  // NaN when the trial is not finite
     if (!(rho >= 0.25))
@@ -251,7 +272,6 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
     else if (rho >= 0.75 || lambda == 0.0)
       delta = std::max(delta, 2.0 * znorm);
 
-    const double ssr_before = ssr;
     const bool accepted = rho >= 1e-4;
     if (accepted) {
       p = trial;
@@ -260,12 +280,8 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
     } else {
       problem_.set_parameters(p);
     }
-    if (accepted && std::fabs(reduction) <= tol * ssr_before && predicted <= tol * ssr_before) {
-      termination_ = small_reduction;
-      break;
-    }
-    const double resolution = tol * (scaled_norm(p) + tol);
-    if (delta <= resolution || (accepted && znorm <= resolution)) {
+    const double res = resolution();
+    if (delta <= res || (accepted && znorm <= res)) {
       termination_ = small_step;
       break;
     }

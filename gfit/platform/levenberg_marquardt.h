@@ -19,13 +19,19 @@
 //  - normalize_parameters() is applied to every trial point, so the parameters stay
 //    canonical.
 //
-// Stopping rules (tol = 1e-12 by default, 1e-15 in strict mode):
+// Near the minimum the sums of squares stop telling steps apart: their rounding (from the
+// coordinates' own) exceeds the reduction a step can bring, and on ill-conditioned data
+// (a small patch of a sphere) the parameters are then still far from converged. So once the
+// Gauss-Newton model predicts a relative reduction below 1e-8, the solver polishes with
+// plain Gauss-Newton steps, which the triangular factor computes accurately, and judges
+// them by their size: it goes on while each step is at most half the previous one and the
+// sum of squares does not grow beyond 1e-10 relatively.
+//
+// Stopping rules (tol = 1e-13 by default, 1e-15 in strict mode; D p the scaled parameters):
 //  - the sum of squares is exactly 0;
-//  - the Gauss-Newton model predicts a relative reduction of at most max(tol, 4 eps)
-//    (the residual is orthogonal to the Jacobian's range: a stationary point);
-//  - an accepted step reduced the sum of squares by at most tol relatively, as predicted;
-//  - the scaled step or the trust radius fell to tol * (|D p| + tol): the step is below
-//    the resolution of the parameters;
+//  - the Gauss-Newton step, the accepted step or the trust radius is at most
+//    tol * (|D p| + tol): below the resolution of the parameters;
+//  - polishing stops contracting, or ran 8 steps (16 in strict mode);
 //  - the iteration limit (default 100 trial evaluations; set_max_iterations).
 //
 // `fit` returns the mean squared distance at the solution (sum of squares / points).
@@ -37,15 +43,14 @@
 class GFIT_EXPORT mlLevenbergMarquardt {
  public:
   static constexpr int default_max_iterations = 100;
-  static constexpr double default_tolerance = 1e-12;
+  static constexpr double default_tolerance = 1e-13;
   static constexpr double strict_tolerance = 1e-15;
 
   enum Termination {
     not_run,
     zero_residual,
-    stationary,        // no reduction left in the model
-    small_reduction,   // relative reduction below the tolerance
     small_step,        // step below the resolution of the parameters
+    stationary,        // Gauss-Newton polishing stopped contracting
     iteration_limit,
     no_points,
     non_finite_start,  // a distance at the start is not finite

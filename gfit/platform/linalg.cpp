@@ -151,8 +151,28 @@ mlAsymEigenVecs3::mlAsymEigenVecs3(mlMatrix const& a) : vectors_(3, 3) {
   for (int i = 0; i < 3; ++i)
     for (int j = 0; j < 3; ++j) m(i, j) = a(i, j);
   Eigen::EigenSolver<Eigen::Matrix3d> es(m);
-  auto values = es.eigenvalues();
-  auto vectors = es.eigenvectors();
+  Eigen::Vector3cd values = es.eigenvalues();
+  Eigen::Matrix3cd vectors = es.eigenvectors();
+  // A double real eigenvalue often comes back as a complex pair whose imaginary parts are
+  // rounding noise (of order sqrt(eps) |A| when the eigenvalue is defective). Such a pair is
+  // real to working precision: both members take the real part, and as eigenvectors the real
+  // and imaginary parts of the complex vector, which span the pair's invariant plane (the
+  // real part twice when the imaginary part adds no direction of its own).
+  const double real_tolerance = std::sqrt(Eigen::NumTraits<double>::epsilon()) * m.norm();
+  Eigen::Matrix3d real_vectors;
+  for (int c = 0; c < 3; ++c) real_vectors.col(c) = vectors.col(c).real();
+  for (int c = 0; c < 3; ++c) {
+    if (values[c].imag() <= 0.0 || values[c].imag() > real_tolerance) continue;
+    int partner = -1;
+    for (int d = 0; d < 3; ++d)
+      if (d != c && values[d] == std::conj(values[c])) partner = d;
+    if (partner < 0) continue;
+    Eigen::Vector3d re = vectors.col(c).real(), im = vectors.col(c).imag();
+    double re_norm = re.norm();
+    if (re_norm > 0.0) im -= re * (re.dot(im) / (re_norm * re_norm));
+    real_vectors.col(partner) = im.norm() > 1e-8 * re_norm ? im : re;
+    values[c] = values[partner] = values[c].real();
+  }
   int order[3] = {0, 1, 2};
   // Real eigenvalues first, ascending; then the complex ones by imaginary part.
   std::sort(order, order + 3, [&](int x, int y) {
@@ -166,7 +186,7 @@ mlAsymEigenVecs3::mlAsymEigenVecs3(mlMatrix const& a) : vectors_(3, 3) {
     re_[c] = values[s].real();
     im_[c] = values[s].imag();
     if (im_[c] == 0.0) ++n_real_;
-    Eigen::Vector3d v = vectors.col(s).real();
+    Eigen::Vector3d v = real_vectors.col(s);
     double len = v.norm();
     if (len > 0.0) v /= len;
     for (int i = 0; i < 3; ++i) vectors_(i, c) = v[i];

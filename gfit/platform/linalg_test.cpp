@@ -117,6 +117,26 @@ TEST(EigenSolvers, NonSymmetricThreeByThree) {
   EXPECT_NEAR(c.eigenvalue(0), 2.0, 1e-14);
 }
 
+TEST(EigenSolvers, DoubleEigenvalueSplitByRoundingCountsAsReal) {
+  // P diag(-1, -1, 2) P^-1 in floating point: the decomposition returns -1 +- 1.4e-15 i.
+  double m[] = {0.047926150395634748, -0.40282387793345054, 0.34915506950040254,
+                -18.691382466289742,  6.1849864288294638,  -6.2277202850717108,
+                -15.705646039597106,  6.0372663099705015,  -6.2329125792250988};
+  mlMatrix a(utConvert{}, m, 3, 3);
+  mlAsymEigenVecs3 e(a);
+  ASSERT_EQ(e.n_real(), 3);
+  EXPECT_NEAR(e.eigenvalue(0), -1.0, 1e-12);
+  EXPECT_NEAR(e.eigenvalue(1), -1.0, 1e-12);
+  EXPECT_NEAR(e.eigenvalue(2), 2.0, 1e-12);
+  // Both vectors of the double eigenvalue are eigenvectors, and they are independent.
+  mlVector v0 = e.eigenvector(0), v1 = e.eigenvector(1);
+  for (mlVector const& v : {v0, v1}) {
+    mlVector av = a * v;
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(av[i], -v[i], 1e-12);
+  }
+  EXPECT_LT(std::fabs(v0.dot(v1)), 0.999);
+}
+
 TEST(Random, FirstDrawsFollowTheRecurrence) {
   // state_1 = 1 * 214013 + 2531011 = 2745024, and 2745024 >> 16 = 41; the next states
   // follow the same recurrence modulo 2^32.

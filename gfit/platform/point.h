@@ -183,6 +183,8 @@ class GFIT_EXPORT giUnitVec3 {
   double z() const { return z_; }
   double operator[](int i) const { return i == 0 ? x_ : (i == 1 ? y_ : z_); }
   bool invalid() const { return x_ == -DBL_MAX; }
+  // Writes the unset mark into x only, as a failure mark on an output direction.
+  void set_invalid() { x_ = -DBL_MAX; }
 
   operator giVector3() const { return {x_, y_, z_}; }
   double dot(giVector3 const& o) const { return x_ * o.x() + y_ * o.y() + z_ * o.z(); }

@@ -84,6 +84,44 @@ giPoint3coDynArr sample_sphere(Rng& rng, giPoint3 const& centre, double radius, 
   return out;
 }
 
+giPoint3coDynArr sample_cylinder(Rng& rng, giPoint3 const& point, giUnitVec3 const& axis, double radius,
+                                 double half_length, double start, double span, int n, double noise,
+                                 giUnitVec3coDynArr* normals) {
+  giUnitVec3 e1 = axis.any_normal();
+  giUnitVec3 e2 = axis.cross(e1).unit();
+  giPoint3coDynArr out(n, 16);
+  if (normals) normals->clear(0);
+  for (int i = 0; i < n; ++i) {
+    double t = start + span * rng.uniform(), h = rng.uniform(-half_length, half_length);
+    giVector3 radial = e1 * std::cos(t) + e2 * std::sin(t);
+    out.append(point + axis * h + radial * (radius + noise * rng.normal()));
+    if (normals) normals->append(radial.unit());
+  }
+  return out;
+}
+
+giPoint2coDynArr sample_ellipse2(Rng* rng, giPoint2 const& centre, double a, double b, double angle, double start,
+                                 double span, int n, double noise) {
+  const double c = std::cos(angle), s = std::sin(angle);
+  giPoint2coDynArr out(n, 16);
+  for (int i = 0; i < n; ++i) {
+    double t = start + span * (rng ? rng->uniform() : static_cast<double>(i) / n);
+    double u = a * std::cos(t), v = b * std::sin(t);
+    if (rng) {
+      giUnitVec2 normal(b * std::cos(t), a * std::sin(t));
+      double e = noise * rng->normal();
+      u += e * normal.x();
+      v += e * normal.y();
+    }
+    out.append(centre + giVector2(c * u - s * v, s * u + c * v));
+  }
+  return out;
+}
+
+double distance_from_axis(giPoint3 const& q, giPoint3 const& p, giVector3 const& d) {
+  return d.unit().cross(q - p).length();
+}
+
 double line_angle(giVector3 const& a, giVector3 const& b) {
   return std::atan2(a.cross(b).length(), std::fabs(a.dot(b)));
 }

@@ -43,6 +43,21 @@ giPoint2coDynArr sample_circle2(Rng& rng, giPoint2 const& centre, double radius,
 giPoint3coDynArr sample_sphere(Rng& rng, giPoint3 const& centre, double radius, giUnitVec3 const& axis, double cap,
                                int n, double noise);
 
+// n points on a cylinder: heights uniform in [-half_length, half_length] along the axis from
+// `point`, angles in [start, start + span] about the axis from axis.any_normal(), noise
+// radially. `normals`, when given, receives the outward surface normals.
+giPoint3coDynArr sample_cylinder(Rng& rng, giPoint3 const& point, giUnitVec3 const& axis, double radius,
+                                 double half_length, double start, double span, int n, double noise,
+                                 giUnitVec3coDynArr* normals = nullptr);
+
+// The distance of point q from the line through p along d.
+double distance_from_axis(giPoint3 const& q, giPoint3 const& p, giVector3 const& d);
+// n points on the arc of parameters [start, start + span] of the ellipse with semi-axes a
+// (along `angle` from the x axis) and b, noise along the ellipse's normal. With rng null the
+// parameters are evenly spaced (t_i = start + span * i / n) and there is no noise.
+giPoint2coDynArr sample_ellipse2(Rng* rng, giPoint2 const& centre, double a, double b, double angle, double start,
+                                 double span, int n, double noise);
+
 // The angle between two lines (directions up to sign), accurate near 0.
 double line_angle(giVector3 const& a, giVector3 const& b);
 double line_angle(giVector2 const& a, giVector2 const& b);

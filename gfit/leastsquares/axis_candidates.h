@@ -1,0 +1,60 @@
+// Circles of points projected along trial axis directions, the inner step of the searches
+// over axes (cylinder, and the other rotational elements).
+//
+// For a trial direction d the points are projected into the plane through the origin with
+// normal d and the least-squares circle is fitted there; the candidate axis is that
+// circle's centre along d, and the circle's sum of squared radial errors is the candidate
+// cylinder's sum of squared distances (the in-plane radial error is the distance from the
+// cylinder). A search makes thousands of these fits, so they are made cheap:
+//  - the points are centred once on their centroid; each trial only rotates them into the
+//    plane, and nothing is allocated per trial (a fitter owns its scratch arrays);
+//  - the fit starts from the algebraic (Kasa) circle and takes at most three damped
+//    Gauss-Newton steps on the geometric distances, stopping once the sum of squares falls
+//    by less than 1e-10 relatively. Near the axis this is the least-squares circle that a
+//    Levenberg-Marquardt fit from the centroid reaches; far from it, a circle whose sum of
+//    squares is within about 1e-6 of that circle's, enough to rank a losing candidate. The
+//    winning candidate of a search is refined by the element's own fit in any case.
+#pragma once
+
+#include <vector>
+
+#include "gfit/gfit_export.h"
+#include "gfit/platform/arrays.h"
+
+namespace gfit::detail {
+
+// The points of one search, centred on their centroid (shared, read-only, by all fitters).
+class GFIT_EXPORT CentredPoints {
+ public:
+  explicit CentredPoints(giPoint3coDynArr const& points);
+  int count() const { return n_; }
+  giPoint3 const& centroid() const { return centroid_; }
+  double const* xyz() const { return xyz_.data(); }  // x y z of point i at 3i
+
+ private:
+  int n_;
+  giPoint3 centroid_;
+  std::vector<double> xyz_;
+};
+
+struct ProjectedCircle {
+  giPoint3 centre;          // in the plane through the origin normal to the direction
+  double radius = 0.0;
+  double sum_of_squares = 0.0;  // of the radial errors
+  double largest_error = 0.0;   // the largest |radial error| (roundness)
+};
+
+class GFIT_EXPORT CircleAlongDirection {
+ public:
+  explicit CircleAlongDirection(CentredPoints const& points);
+  // False when the projected points admit no circle (fewer than 3, or all coincident).
+  bool fit(giUnitVec3 const& direction, ProjectedCircle& out);
+
+ private:
+  double pass(double a, double b, double r, double* jtj, double* jte, double& largest) const;
+
+  CentredPoints const& points_;
+  std::vector<double> x_, y_;
+};
+
+}  // namespace gfit::detail

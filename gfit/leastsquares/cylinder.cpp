@@ -1,0 +1,518 @@
+#include "gfit/leastsquares/cylinder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "gfit/leastsquares/axis_candidates.h"
+#include "gfit/leastsquares/evaluator.h"
+#include "gfit/platform/levenberg_marquardt.h"
+#include "gfit/platform/parallel.h"
+#include "gfit/platform/random.h"
+#include "gfit/platform/shapes.h"
+#include "gfit/platform/workplane.h"
+#include "gfit/utilities/direction_sampling.h"
+
+using gfit::detail::CentredPoints;
+using gfit::detail::CircleAlongDirection;
+using gfit::detail::ProjectedCircle;
+
+namespace {
+constexpr double kPi = 3.141592653589793;
+}  // namespace
+
+// ---- the fitted value -------------------------------------------------------------------
+
+int gfFittedCylinder::coincident(gfFittedCylinder const& other, double tolerance, giAngle const& angle) const {
+  if (tolerance < 0.0) return 0;
+  giWorkplane3 across(point_, direction_, direction_.any_normal());
+  giPoint3 p = across.to_work(other.point_);
+  double offset = std::hypot(p.x(), p.y());  // across this axis; along it is free
+  return offset <= tolerance && std::fabs(radius_ - other.radius_) <= tolerance &&
+                 std::fabs(direction_.dot(other.direction_)) >= angle.cos()
+             ? 1
+             : 0;
+}
+
+int gfFittedCylinder::invalid() const {
+  return point_.invalid() || direction_.invalid() || !(radius_ > 0.0) || !(deviation_ >= 0.0) ? 1 : 0;
+}
+
+// ---- the problem ------------------------------------------------------------------------
+
+gfLeastSquareCylinder::gfLeastSquareCylinder(giPoint3coDynArr const& points)
+    : gfLeastSquareDistance3(7, points), dF_(6), dG_(6) {}
+gfLeastSquareCylinder::~gfLeastSquareCylinder() = default;
+
+void gfLeastSquareCylinder::normalize_parameters(mlVector& p) const {
+  giUnitVec3 u(p[3], p[4], p[5]);
+  if (u.invalid()) u = giUnitVec3(1.0, 0.0, 0.0);
+  const double t = p[0] * u.x() + p[1] * u.y() + p[2] * u.z();
+  p[0] -= t * u.x();
+  p[1] -= t * u.y();
+  p[2] -= t * u.z();
+  p[3] = u.x();
+  p[4] = u.y();
+  p[5] = u.z();
+}
+
+void gfLeastSquareCylinder::get_distance(double& d, int i) const {
+  mlVector const& p = parameters();
+  giUnitVec3 u(p[3], p[4], p[5]);
+  d = u.cross(points()[i] - giPoint3(p[0], p[1], p[2])).length() - p[6];
+}
+
+void gfLeastSquareCylinder::get_distance_and_gradient(double& d, mlVector& g, int i) const {
+  mlVector const& p = parameters();
+  double F = 0.0, G = 0.0;
+  F_G_and_derivatives(giPoint3(p[0], p[1], p[2]), giUnitVec3(p[3], p[4], p[5]), points()[i], F, dF_, G, dG_);
+  d = G - p[6];
+  for (int k = 0; k < 6; ++k) g[k] = dG_[k];
+  g[6] = -1.0;
+}
+
+void gfLeastSquareCylinder::evaluate_block(int first, int count, double* distances, double* squares,
+                                           double* jacobian, int ld) const {
+  // The per-point operations in one loop, with the unit direction formed once.
+  mlVector const& p = parameters();
+  const giUnitVec3 u(p[3], p[4], p[5]);
+  const double ux = u.x(), uy = u.y(), uz = u.z(), r = p[6];
+  const double sx = std::sqrt(std::fmax(0.0, 1.0 - ux * ux)), sy = std::sqrt(std::fmax(0.0, 1.0 - uy * uy)),
+               sz = std::sqrt(std::fmax(0.0, 1.0 - uz * uz));
+  giPoint3 const* q = points().data() + first;
+  for (int k = 0; k < count; ++k) {
+    const double dx = q[k].x() - p[0], dy = q[k].y() - p[1], dz = q[k].z() - p[2];
+    const double cx = uy * dz - uz * dy, cy = uz * dx - ux * dz, cz = ux * dy - uy * dx;
+    const double G = std::sqrt(cx * cx + cy * cy + cz * cz);
+    const double d = G - r;
+    distances[k] = d;
+    squares[k] = d * d;
+    if (!jacobian) continue;
+    const double F = dx * ux + dy * uy + dz * uz;
+    double g0, g1, g2;
+    if (G > 1e-7) {
+      g0 = (ux * F - dx) / G;
+      g1 = (uy * F - dy) / G;
+      g2 = (uz * F - dz) / G;
+    } else {  // on the axis: the frame's substitute gradient
+      g0 = sx;
+      g1 = sy;
+      g2 = sz;
+    }
+    jacobian[k] = g0;
+    jacobian[ld + k] = g1;
+    jacobian[2 * ld + k] = g2;
+    jacobian[3 * ld + k] = F * g0;
+    jacobian[4 * ld + k] = F * g1;
+    jacobian[5 * ld + k] = F * g2;
+    jacobian[6 * ld + k] = -1.0;
+  }
+}
+
+int gfLeastSquareCylinder::n_independent_parameters() const { return n_parameters() - 2; }
+
+void gfLeastSquareCylinder::parameter_scales(mlVector& s) const {
+  mlVector const& p = parameters();
+  const giUnitVec3 u(p[3], p[4], p[5]);
+  const giPoint3 P(p[0], p[1], p[2]);
+  double lo = 0.0, hi = 0.0;
+  bool first = true;
+  for (giPoint3 const& q : points()) {
+    double F = u.dot(q - P);
+    if (first || F < lo) lo = F;
+    if (first || F > hi) hi = F;
+    first = false;
+  }
+  const double L = std::sqrt((hi - lo) * (hi - lo) + p[6] * p[6]);
+  s.resize(n_parameters());
+  for (int k = 0; k < 7; ++k) s[k] = (k >= 3 && k < 6) ? L : 1.0;
+}
+
+int gfLeastSquareCylinder::are_normals_in_limit(giPoint3coDynArr const& points, giAngle const& limit,
+                                                giUnitVec3 const& guess, giUnitVec3coDynArr const& normals,
+                                                mlVector& parameters) {
+  const giUnitVec3 u(parameters[3], parameters[4], parameters[5]);
+  if (!guess.invalid() && std::fabs(u.dot(guess)) < limit.cos()) return 0;
+  if (normals.count() == 0) return 1;
+  const giPoint3 P(parameters[0], parameters[1], parameters[2]);
+  const double c = limit.cos();
+  bool outward = true, inward = true;
+  const int n = std::min(points.count(), normals.count());
+  for (int i = 0; i < n && (outward || inward); ++i) {
+    giVector3 d = points[i] - P;
+    giVector3 radial = d - u * u.dot(d);
+    const double len = radial.length();
+    if (!(len > 0.0)) continue;  // a point on the axis has no radial direction to judge
+    // angle(radial, normal) > limit  <=>  cos(angle) < cos(limit)
+    const double cos_angle = normals[i].dot(radial) / len;
+    if (cos_angle < c) outward = false;
+    if (-cos_angle < c) inward = false;
+  }
+  return outward || inward ? 1 : 0;
+}
+
+void gfLeastSquareCylinder::add_distinct_result(gfFittedCylinder const& c, double tolerance, giAngle angle,
+                                                gfFittedCylindercoDynArr& results) {
+  for (gfFittedCylinder const& e : results)
+    if (c.coincident(e, tolerance, angle)) return;
+  results.append(c);
+}
+
+// ---- initial axis -----------------------------------------------------------------------
+
+namespace {
+
+// The circle through three points: its unit normal and radius. False for (nearly)
+// collinear points, where the sine of the angle at `a` is below 1e-9.
+bool circle_through(giPoint3 const& a, giPoint3 const& b, giPoint3 const& c, giUnitVec3& normal, double& radius) {
+  giVector3 ab = b - a, bc = c - b, ac = c - a;
+  giVector3 n = ab.cross(ac);
+  if (!(n.length() > 1e-9 * ab.length() * ac.length())) return false;
+  normal = n.unit();
+  giInfLine3 bisector_ab(a + ab * 0.5, normal.cross(ab).unit());
+  giInfLine3 bisector_bc(b + bc * 0.5, normal.cross(bc).unit());
+  giPoint3 centre, other;
+  if (!bisector_ab.closest_points(bisector_bc, centre, other)) return false;
+  radius = centre.distance(a);
+  return true;
+}
+
+// Fits the projected circles of `directions` in order, on the allowed threads, a chunk at
+// a time, handing each result to `visit` in order until it returns false.
+template <class Visit>
+void fit_directions_in_order(std::vector<giUnitVec3> const& directions, std::vector<CircleAlongDirection>& fitters,
+                             Visit visit) {
+  const int threads = static_cast<int>(fitters.size());
+  const int chunk = threads == 1 ? 1 : 8 * threads;
+  std::vector<ProjectedCircle> circles(chunk);
+  std::vector<char> fitted(chunk);
+  const int total = static_cast<int>(directions.size());
+  for (int start = 0; start < total; start += chunk) {
+    const int count = std::min(chunk, total - start);
+    gfit::detail::parallel_for(count, threads, [&](int i, int worker) {
+      fitted[i] = fitters[worker].fit(directions[start + i], circles[i]);
+    });
+    for (int i = 0; i < count; ++i)
+      if (!visit(start + i, fitted[i] != 0, circles[i])) return;
+  }
+}
+
+std::vector<CircleAlongDirection> make_fitters(CentredPoints const& centred, int items) {
+  const int threads = gfit::detail::threads_for(items, 20.0 * centred.count());
+  return std::vector<CircleAlongDirection>(threads, CircleAlongDirection(centred));
+}
+
+}  // namespace
+
+int gfCylinder_InitialSolution(giPoint3coDynArr const& points, giVector3& direction) {
+  const int n = points.count();
+  bool have_six = false;
+  giVector3 six;
+  if (n == 6) {
+    giUnitVec3 n1, n2;
+    double r1 = 0.0, r2 = 0.0;
+    if (circle_through(points[0], points[1], points[2], n1, r1) &&
+        circle_through(points[3], points[4], points[5], n2, r2) &&
+        std::fabs(std::fabs(n1.dot(n2)) - 1.0) <= 0.1 && std::fabs(r1 - r2) <= 1.0) {
+      have_six = true;
+      six = n1;
+    }
+  }
+  giVector3 v = n >= 2 ? points[0] - points[1] : giVector3(1.0, 0.0, 0.0);
+  if (v.length() < 1e-7) v = giVector3(1.0, 0.0, 0.0);
+
+  if (n >= 3) {
+    CentredPoints centred(points);
+    std::vector<CircleAlongDirection> fitters = make_fitters(centred, 100);
+    double best = DBL_MAX;
+    int steps = 20;
+    double angle = kPi;
+    std::vector<giUnitVec3> directions;
+    for (int level = 0; level < 3; ++level) {
+      gfVectorGradient gradient(v, angle, steps);
+      directions.clear();
+      for (gfVectorGradientIterator it = gradient.iterator(); it++;) directions.push_back(it.vector().unit());
+      const giVector3 old_v = v;
+      double next_angle = kPi;
+      fit_directions_in_order(directions, fitters, [&](int i, bool fitted, ProjectedCircle const& c) {
+        if (fitted && c.largest_error < best) {
+          best = c.largest_error;
+          v = directions[i];
+          next_angle = 1.5 * gradient.step_angle();
+        }
+        return !(best < 0.1);  // round within a tenth: walk no further
+      });
+      angle = next_angle;  // pi again when nothing improved
+      if (old_v.unit().dot(v.unit()) > 0.99) break;
+      steps = std::max(2, static_cast<int>(std::sqrt(static_cast<double>(steps))));
+    }
+  }
+  direction = have_six ? six : v;
+  return 1;
+}
+
+// ---- the full computation ---------------------------------------------------------------
+
+namespace {
+
+struct Solution {
+  double value = DBL_MAX;
+  mlVector parameters = mlVector(7);
+};
+
+void set_candidate(ProjectedCircle const& c, giUnitVec3 const& d, mlVector& p) {
+  p[0] = c.centre.x();
+  p[1] = c.centre.y();
+  p[2] = c.centre.z();
+  p[3] = d.x();
+  p[4] = d.y();
+  p[5] = d.z();
+  p[6] = c.radius;
+}
+
+void write_outputs(mlVector const& p, double value, giPoint3& point, giUnitVec3& direction, double& radius,
+                   double& residual) {
+  direction = giUnitVec3(p[3], p[4], p[5]);
+  radius = p[6];
+  point = giPoint3(p[0], p[1], p[2]);
+  residual = std::sqrt(value);
+}
+
+bool valid_input(giPoint3coDynArr const& points, giUnitVec3 const& guess, giAngle const& angle,
+                 giUnitVec3coDynArr const& normals) {
+  if (!gfit::detail::all_finite(points) || !gfit::detail::all_valid(normals)) return false;
+  if (normals.count() != 0 && normals.count() != points.count()) return false;
+  if (!guess.invalid() && !(std::isfinite(guess.x()) && std::isfinite(guess.y()) && std::isfinite(guess.z())))
+    return false;
+  return std::isfinite(angle.radians());
+}
+
+// The refinement of a previous solution for a grown point set (see the header): returns
+// false when the new points or the refit disagree with it.
+bool refine(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction, double& radius,
+            double& residual, int k) {
+  const int n = points.count();
+  gfLeastSquareCylinder problem(points);
+  mlVector previous{point.x(), point.y(), point.z(), direction.x(), direction.y(), direction.z(), radius};
+  problem.set_parameters(previous);
+  const double R = problem.range();
+  const int old_count = k > 0 ? n - k : n;
+  std::vector<double> old_distances(old_count);
+  double largest_new = 0.0;
+  for (int i = 0; i < n; ++i) {
+    double d = 0.0;
+    problem.get_distance(d, i);
+    if (i < old_count)
+      old_distances[i] = std::fabs(d);
+    else
+      largest_new = std::max(largest_new, std::fabs(d));
+  }
+  std::sort(old_distances.begin(), old_distances.end());
+  const int last = old_count - 1;
+  const int idx = n < 21 ? static_cast<int>((old_count - 1) * 0.9) : last;
+  if (k >= 0 && !(largest_new < std::max(10.0 * old_distances[idx], R * 0.001))) return false;
+  mlLevenbergMarquardt lm(problem);
+  mlVector result(7);
+  const double value = lm.fit(previous, result);
+  if (k >= 0) {
+    double largest = 0.0;
+    for (int i = 0; i < n; ++i) {
+      double d = 0.0;
+      problem.get_distance(d, i);
+      largest = std::max(largest, std::fabs(d));
+    }
+    if (std::max(1.1 * old_distances[last], R * 1e-6) <= largest) return false;
+  }
+  write_outputs(result, value, point, direction, radius, residual);
+  return true;
+}
+
+}  // namespace
+
+int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction,
+                                   double& radius, double& residual, giUnitVec3 const& guess, giAngle const& angle,
+                                   giUnitVec3coDynArr const& normals, int k) {
+  const int n = points.count();
+  if (n < 5 || !valid_input(points, guess, angle, normals)) return 0;
+
+  if (k != 0 && (k < 0 || k + 5 <= n)) {
+    const bool previous_usable = point.finite() && !direction.invalid() && std::isfinite(radius);
+    if (previous_usable && refine(points, point, direction, radius, residual, k)) return 1;
+  }
+
+  gfLeastSquareCylinder problem(points);
+  mlLevenbergMarquardt lm(problem);
+  const double R = problem.range();
+  Solution best_ok, best_any;
+  mlVector start(7), result(7);
+  auto keep = [&](double value, bool agrees) {
+    if (agrees && value < best_ok.value) {
+      best_ok.value = value;
+      best_ok.parameters = result;
+    }
+    if (value < best_any.value) {
+      best_any.value = value;
+      best_any.parameters = result;
+    }
+  };
+
+  CentredPoints centred(points);
+  std::vector<CircleAlongDirection> fitters = make_fitters(centred, 100);
+
+  // Phase A: three deterministic axis guesses, each judged with a 10-degree limit.
+  const giAngle phase_a_limit = giAngle::from_degrees(10.0);
+  auto fit_from_direction = [&](giVector3 const& guess_direction) {
+    giUnitVec3 d = guess_direction.unit();
+    ProjectedCircle circle;
+    if (d.invalid() || !fitters[0].fit(d, circle)) return;
+    set_candidate(circle, d, start);
+    const double value = lm.fit(start, result);
+    keep(value, gfLeastSquareCylinder::are_normals_in_limit(points, phase_a_limit, guess, normals, result) == 1);
+  };
+  giVector3 initial;
+  gfCylinder_InitialSolution(points, initial);
+  fit_from_direction(initial);
+  {
+    int a = 0, b = 0;
+    double far = -1.0;
+    for (int i = 1; i < n; ++i)
+      if (points[i].squared_distance(points[0]) > far) {
+        far = points[i].squared_distance(points[0]);
+        a = i;
+      }
+    far = -1.0;
+    for (int i = 0; i < n; ++i)
+      if (points[i].squared_distance(points[a]) > far) {
+        far = points[i].squared_distance(points[a]);
+        b = i;
+      }
+    giVector3 span = points[a] - points[b];
+    if (span.length() > 0.0) fit_from_direction(span);
+  }
+  if (normals.count() > 2) {
+    giPoint3coDynArr tips(normals.count(), 16);
+    for (giUnitVec3 const& u : normals) tips.append(giPoint3(u.x(), u.y(), u.z()));
+    giPoint3 plane_point;
+    giUnitVec3 plane_normal;
+    double rms = 0.0;
+    if (gfLeastSquareEvaluator::evaluate_plane(tips, plane_point, plane_normal, rms)) fit_from_direction(plane_normal);
+  }
+
+  // Phase B: batches of 100 random directions in one hemisphere (seed 1 in every pass); the
+  // best candidate of each batch is refined.
+  const double cos_25 = giAngle::from_degrees(25.0).cos();
+  std::vector<giUnitVec3> candidates(100);
+  std::vector<char> used(100), fitted(100);
+  std::vector<ProjectedCircle> circles(100);
+  for (int pass = 0; pass <= gfLeastSquareDistance3::num_guess_directions(); ++pass) {
+    if (pass >= 1 && best_ok.value < R * 0.001) break;  // compares an area with a length, as the fit always has
+    bool restricted = false;
+    giUnitVec3 pass_direction;
+    double cos_cone = 1.0;
+    if (pass >= 1) {
+      restricted = true;
+      if (normals.count() == 0) {
+        if (guess.invalid() || pass > 1) break;
+        pass_direction = guess;
+        cos_cone = angle.cos();
+      } else {
+        pass_direction = gfLeastSquareDistance3::guess_direction(pass - 1);
+        cos_cone = cos_25;
+      }
+    }
+    mlRandom random(1);
+    for (int batch = 0; batch < 20; ++batch) {
+      for (int j = 0; j < 100; ++j) {
+        const double u1 = random.next_unit(), u2 = random.next_unit(), u3 = random.next_unit();
+        candidates[j] = giUnitVec3(2.0 * u1 - 1.0, 2.0 * u2 - 1.0, 0.9999999 * u3 + 1e-7);
+        used[j] = !restricted || std::fabs(pass_direction.dot(candidates[j])) >= cos_cone;
+      }
+      gfit::detail::parallel_for(100, static_cast<int>(fitters.size()), [&](int j, int worker) {
+        fitted[j] = used[j] && fitters[worker].fit(candidates[j], circles[j]);
+      });
+      int chosen = -1;
+      double smallest = DBL_MAX;
+      for (int j = 0; j < 100; ++j)  // the strictly smallest sum; the first index wins a tie
+        if (fitted[j] && circles[j].sum_of_squares < smallest) {
+          smallest = circles[j].sum_of_squares;
+          chosen = j;
+        }
+      if (chosen < 0) continue;
+      set_candidate(circles[chosen], candidates[chosen], start);
+      const double value = lm.fit(start, result);
+      keep(value, gfLeastSquareCylinder::are_normals_in_limit(points, angle, guess, normals, result) == 1);
+    }
+  }
+
+  if (best_ok.value == DBL_MAX && best_any.value == DBL_MAX) return 0;
+  // Agreement with the normals is given up when it costs more than a thousandth of the
+  // range in RMS.
+  if (R * 0.001 < std::sqrt(best_ok.value) - std::sqrt(best_any.value)) best_ok = best_any;
+  write_outputs(best_ok.parameters, best_ok.value, point, direction, radius, residual);
+  return 1;
+}
+
+int gfCalculateMultipleLeastSquareCylinders(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
+                                            double tolerance, giAngle const& angle, int count,
+                                            gfFittedCylindercoDynArr& results) {
+  const int n = points.count();
+  if (n < 5 || !gfit::detail::all_finite(points) || !gfit::detail::all_valid(normals)) return 0;
+  const giAngle cone = giAngle::from_degrees(30.0), second_cone = giAngle::from_degrees(30.0);
+  gfRandDirGenMulti generator(1000.0, normals, cone, 0.9);
+  gfLeastSquareCylinder problem(points);
+  mlLevenbergMarquardt lm(problem);
+  const giPoint3 origin(0.0, 0.0, 0.0);
+  mlVector start(7), result(7);
+  for (int attempt = 0; attempt < count * 150 && results.count() < count; ++attempt) {
+    giUnitVec3 d = generator.direction();
+    giPoint3 centre;
+    double r = 0.0, e = 0.0;
+    if (!gfLeastSquareEvaluator::evaluate_circle2(origin, d, points, centre, r, e)) continue;
+    gfRandDirGenerator nearby(1.1, d, second_cone, 0.1);
+    giUnitVec3 d2 = nearby.rand_vec_bias_region();
+    giPoint3 centre2;
+    double r2 = 0.0, e2 = 0.0;
+    if (gfLeastSquareEvaluator::evaluate_circle2(origin, d2, points, centre2, r2, e2) && e2 < e) {
+      d = d2;
+      centre = centre2;
+      r = r2;
+    }
+    start = mlVector{centre.x(), centre.y(), centre.z(), d.x(), d.y(), d.z(), r};
+    const double rms = std::sqrt(lm.fit(start, result));
+    if (rms < tolerance) {
+      gfFittedCylinder found(giPoint3(result[0], result[1], result[2]), giUnitVec3(result[3], result[4], result[5]),
+                             result[6], rms);
+      gfLeastSquareCylinder::add_distinct_result(found, tolerance, angle, results);
+    }
+  }
+  return results.count();
+}
+
+// ---- evaluator entries ------------------------------------------------------------------
+
+int gfLeastSquareEvaluator::evaluate_cylinder(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction,
+                                              double& radius, double& residual, giUnitVec3 const& guess,
+                                              giAngle const& angle, int k) {
+  if (points.count() < 4) return 0;
+  giUnitVec3coDynArr no_normals;
+  int status = gfCalculateLeastSquareCylinder(points, point, direction, radius, residual, guess, angle, no_normals, k);
+  if (status == 0) direction.set_invalid();
+  return status;
+}
+
+int gfLeastSquareEvaluator::evaluate_cylinder(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
+                                              giAngle const& angle, giPoint3& point, giUnitVec3& direction,
+                                              double& radius, double& residual, int k) {
+  if (points.count() < 4) return 0;
+  int status =
+      gfCalculateLeastSquareCylinder(points, point, direction, radius, residual, giUnitVec3(), angle, normals, k);
+  if (status == 0) direction.set_invalid();
+  return status;
+}
+
+int gfLeastSquareEvaluator::evaluate_multiple_cylinders(giPoint3coDynArr const& points,
+                                                        giUnitVec3coDynArr const& normals, double tolerance,
+                                                        giAngle const& angle, int count,
+                                                        gfFittedCylindercoDynArr& results) {
+  return gfCalculateMultipleLeastSquareCylinders(points, normals, tolerance, angle, count, results);
+}

@@ -1,0 +1,108 @@
+// The least-squares cylinder: its problem class, its fitted value and its search.
+//
+// Parameters (7): axis point (x, y, z), axis direction (x, y, z), radius. The distance of
+// point Q is |u x (Q - P)| - r (u the unit direction), signed: positive outside. The axis
+// point is kept canonical as the foot of the perpendicular from the coordinate origin.
+//
+// The search (gfCalculateLeastSquareCylinder) proposes axis directions — a ring-pattern walk
+// (gfCylinder_InitialSolution), the farthest pair of points, a plane through the surface
+// normals, then batches of seed-1 random directions — seeds each with the circle of the
+// points projected along it, and refines the best of each batch by Levenberg-Marquardt.
+// The candidates of a batch may be evaluated on several threads (see gfSetMaxThreads in
+// platform/parallel.h); the result is bit-identical for every thread count.
+#pragma once
+
+#include <cfloat>
+
+#include "gfit/gfit_export.h"
+#include "gfit/leastsquares/distance.h"
+#include "gfit/platform/angle.h"
+
+// A fitted cylinder: axis point, unit axis direction, radius and RMS deviation. The default
+// value is invalid (unset point and direction, radius and deviation at -DBL_MAX).
+class GFIT_EXPORT gfFittedCylinder {
+ public:
+  gfFittedCylinder() : radius_(-DBL_MAX), deviation_(-DBL_MAX) {}
+  gfFittedCylinder(giPoint3 const& point, giUnitVec3 const& direction, double radius, double deviation)
+      : point_(point), direction_(direction), radius_(radius), deviation_(deviation) {}
+
+  giPoint3 const& axis_point() const { return point_; }
+  giUnitVec3 const& axis_dir() const { return direction_; }
+  double radius() const { return radius_; }
+  double deviation() const { return deviation_; }
+
+  // 1 when `other` has the same axis (its axis point within `tolerance` of this axis, the
+  // directions within `angle`, either way round) and a radius within `tolerance`; 0 for a
+  // negative tolerance.
+  int coincident(gfFittedCylinder const& other, double tolerance, giAngle const& angle) const;
+  // 1 when unset, with a non-positive radius or a negative (unset) deviation.
+  int invalid() const;
+
+ private:
+  giPoint3 point_;
+  giUnitVec3 direction_;
+  double radius_;
+  double deviation_;
+};
+
+using gfFittedCylindercoDynArr = coDynArr<gfFittedCylinder>;
+
+class GFIT_EXPORT gfLeastSquareCylinder : public gfLeastSquareDistance3 {
+ public:
+  explicit gfLeastSquareCylinder(giPoint3coDynArr const& points);
+
+  // The direction made unit (a zero one becomes (1, 0, 0)); the axis point moved along the
+  // axis to the foot of the perpendicular from the origin; the radius kept, sign included.
+  void normalize_parameters(mlVector& p) const override;
+  void get_distance_and_gradient(double& d, mlVector& g, int i) const override;
+  void get_distance(double& d, int i) const override;
+  int n_independent_parameters() const override;  // 5
+  // (1, 1, 1, L, L, L, 1), L = sqrt(height range^2 + r^2): a tilt of the axis moves the
+  // distances by about the cylinder's extent.
+  void parameter_scales(mlVector& s) const override;
+  ~gfLeastSquareCylinder() override;
+
+  void evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
+                      int ld) const override;
+  void evaluate_distances(int first, int count, double* distances, double* squares) const override {
+    evaluate_block(first, count, distances, squares, nullptr, 0);
+  }
+
+  // Whether a solution agrees with the caller's guess axis (within `limit`, either way
+  // round; an unset guess always agrees) and with the surface normals: the radial
+  // directions from the axis must all be within `limit` of the normals, all outward or all
+  // inward. No normals: agrees. Returns 1 or 0.
+  static int are_normals_in_limit(giPoint3coDynArr const& points, giAngle const& limit, giUnitVec3 const& guess,
+                                  giUnitVec3coDynArr const& normals, mlVector& parameters);
+  // Appends `c` unless a coincident cylinder is already in `results`.
+  static void add_distinct_result(gfFittedCylinder const& c, double tolerance, giAngle angle,
+                                  gfFittedCylindercoDynArr& results);
+
+ private:
+  mutable mlVector dF_, dG_;
+};
+
+// An approximate axis direction from the points alone: a walk over ring patterns of
+// directions, refined in up to three levels, keeping the direction whose projected circle
+// is roundest; for exactly six points forming two congruent parallel rings of three, the
+// rings' normal. Always returns 1.
+GFIT_EXPORT int gfCylinder_InitialSolution(giPoint3coDynArr const& points, giVector3& direction);
+
+// The cylinder through at least 5 points. `point`, `direction` and `radius` are read as a
+// previous solution when k asks for refinement (k < 0, or 0 < k <= n - 5: the last k points
+// are new) and are overwritten with the result. `guess` (unset: none) with `angle` bounds
+// the axis; `normals` (empty: none, else one per point) must agree with the radial
+// directions within `angle`, unless that costs more than a thousandth of the range in RMS.
+// Returns 1 with a result; 0 for fewer than 5 points, non-finite input, normals of another
+// count than the points, or no solution, leaving the outputs untouched.
+GFIT_EXPORT int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction,
+                                               double& radius, double& residual, giUnitVec3 const& guess,
+                                               giAngle const& angle, giUnitVec3coDynArr const& normals, int k);
+
+// Up to `count` distinct cylinders with an RMS below `tolerance`, found from random axis
+// directions drawn first along `normals` (used as preferred directions) and appended to
+// `results`. Returns the number of elements of `results` (0 for fewer than 5 points).
+GFIT_EXPORT int gfCalculateMultipleLeastSquareCylinders(giPoint3coDynArr const& points,
+                                                        giUnitVec3coDynArr const& normals, double tolerance,
+                                                        giAngle const& angle, int count,
+                                                        gfFittedCylindercoDynArr& results);

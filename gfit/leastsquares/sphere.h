@@ -1,0 +1,39 @@
+// The least-squares sphere. Parameters (cx, cy, cz, r); distance |Q - C| - r, signed
+// (positive outside).
+#pragma once
+
+#include "gfit/gfit_export.h"
+#include "gfit/leastsquares/distance.h"
+
+class GFIT_EXPORT gfLeastSquareSphere : public gfLeastSquareDistance3 {
+ public:
+  explicit gfLeastSquareSphere(giPoint3coDynArr const& points);
+
+  void normalize_parameters(mlVector& p) const override;  // nothing to do
+  void get_distance_and_gradient(double& d, mlVector& g, int i) const override;
+  void get_distance(double& d, int i) const override;
+  ~gfLeastSquareSphere() override;
+
+  void evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
+                      int ld) const override;
+  void evaluate_distances(int first, int count, double* distances, double* squares) const override {
+    evaluate_block(first, count, distances, squares, nullptr, 0);
+  }
+
+  // The RMS distance of the points from `centre`.
+  double evaluate_radius(giPoint3 const& centre) const;
+
+ protected:
+  // The distances |Q - C| - r + offsets[i] (no offsets when null) and their gradient in one
+  // loop: the batch form of this class and of the probe-compensated sphere.
+  void offset_block(double const* offsets, int first, int count, double* distances, double* squares,
+                    double* jacobian, int ld) const;
+};
+
+namespace gfit::detail {
+// The sphere's restart scheme on any sphere problem: a fit from the centroid with three
+// times the range as radius; unless its mean squared distance is below range * 0.003, 19
+// more fits, each from the best of 100 random spheres about the centroid (seed 1). Writes
+// the best parameters and returns their mean squared distance.
+GFIT_EXPORT double sphere_restarts(gfLeastSquareSphere& problem, mlVector& best);
+}  // namespace gfit::detail

@@ -1,0 +1,45 @@
+#include "gfit/platform/parallel.h"
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace {
+std::atomic<int> max_threads{0};
+}  // namespace
+
+int gfSetMaxThreads(int n) { return max_threads.exchange(n < 0 ? 0 : n); }
+int gfMaxThreads() { return max_threads.load(); }
+
+namespace gfit::detail {
+
+int threads_for(int items, double cost) {
+  int limit = max_threads.load();
+  int hardware = static_cast<int>(std::thread::hardware_concurrency());
+  if (hardware < 1) hardware = 1;
+  int threads = limit == 0 ? hardware : std::min(limit, hardware);
+  threads = std::min(threads, items);
+  // Starting a thread costs tens of microseconds: below about 2e5 operations in all, the
+  // calling thread alone is faster.
+  if (static_cast<double>(items) * cost < 2e5) threads = 1;
+  return threads < 1 ? 1 : threads;
+}
+
+void parallel_for(int n, int threads, std::function<void(int, int)> const& body) {
+  if (threads <= 1 || n <= 1) {
+    for (int i = 0; i < n; ++i) body(i, 0);
+    return;
+  }
+  std::atomic<int> next{0};
+  auto run = [&](int worker) {
+    for (int i = next.fetch_add(1); i < n; i = next.fetch_add(1)) body(i, worker);
+  };
+  std::vector<std::thread> pool;
+  pool.reserve(threads - 1);
+  for (int t = 1; t < threads; ++t) pool.emplace_back(run, t);
+  run(0);
+  for (std::thread& t : pool) t.join();
+}
+
+}  // namespace gfit::detail
