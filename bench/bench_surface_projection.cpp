@@ -81,6 +81,17 @@ void BM_Kernel(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kPoints);
 }
 
+// What the scaled alignment pays per pass: a deep copy of the part scaled by (sx, sy, 1).
+void BM_ScaledCopy(benchmark::State& state) {
+  tskSurfPtr surface = make(static_cast<Shape>(state.range(0)));
+  for (auto _ : state) {
+    tskSurfPtr copy = surface->copy();
+    tskSurf::transform(copy, giXform3(giXformScale{}, 1.01, 0.98, 1.0));
+    benchmark::DoNotOptimize(copy->n_faces());
+  }
+}
+BENCHMARK(BM_ScaledCopy)->Arg(kCylinder)->Arg(kPart)->Unit(benchmark::kMillisecond);
+
 void shapes(benchmark::internal::Benchmark* b) {
   b->ArgName("shape");
   for (int s = kPlane; s <= kScaledCylinderAndPlane; ++s) b->Arg(s);
