@@ -7,7 +7,7 @@
 //
 // Projection returns every foot point of the point on every face: the points F of the face
 // where P - F is normal to the surface (minima, maxima and saddles of the distance on analytic
-// faces; the local minima on free-form faces, see `project`). Faces are trimmed: a foot point
+// faces; the nearest one on free-form faces, see `project`). Faces are trimmed: a foot point
 // outside the face's boundary (by more than the face's tolerance) is not one. The list is
 // ordered nearest first; ties keep the lower face index, then the kernel's order within the
 // face; a foot point within 1e-7 of an earlier one is dropped.
@@ -108,10 +108,10 @@ class GFIT_CAD_EXPORT tskSurf {
   // visited nearest bounding box first. With `cutoff`, faces whose bounding box is farther than
   // the smallest cutoff of the foot points found are skipped: the list then holds every foot
   // point up to that distance (identical to the full list there) and possibly some beyond.
-  // On B-spline and other free-form faces, foot points are found from a sampling grid refined
-  // by Newton steps and only the local minima of the distance are returned: the nearest foot
-  // point of such a face is found, maxima and saddles are not. A non-finite point has no foot
-  // point.
+  // On B-spline and other free-form faces the nearest sample of a grid over the face (found
+  // through a UB-tree) is refined by Newton steps: the face gives its nearest foot point only;
+  // its other minima, maxima and saddles are not searched for (a full search costs ten times
+  // more and can still miss saddles). A non-finite point has no foot point.
   void project(giPoint3 const& p, tskSurfPointList& feet, Cutoff const& cutoff = {}) const;
 
   // The outward normal of the face (in its solid: reversed faces are taken into account) at a
