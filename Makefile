@@ -42,6 +42,8 @@ demo: configure
 	@$(GFIT) fit probed-sphere data/probed-sphere.xyzr
 	@echo "== roundness of data/roundness.xy: minimum-zone circle"
 	@$(GFIT) fit minmax-circle data/roundness.xy
+	@echo "== deviations of data/bracket.xyz from the CAD part data/bracket.step (first and last rows, summary)"
+	@$(GFIT) deviations --cad data/bracket.step data/bracket.xyz | sed -n '1,4p;400,$$p'
 
 bench: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_benchmarks

@@ -17,6 +17,7 @@
 #include "gfit/platform/random.h"
 #include "gfit/platform/shapes.h"
 #include "gfit/platform/simplex.h"
+#include "gfit/platform/shared_handle.h"
 #include "gfit/platform/sort.h"
 #include "gfit/platform/svd.h"
 #include "gfit/platform/utilities.h"
@@ -28,8 +29,12 @@
 #include "gfit/utilities/polygon.h"
 #include "gfit/utilities/vector_utils.h"
 
-// fit points
+// fit points, projectors and nominal objects (the CAD surface ones: gfit/cad.h)
+#include "gfit/fitpoints/arrays.h"
+#include "gfit/fitpoints/fit_point.h"
+#include "gfit/fitpoints/plane_and_point.h"
 #include "gfit/fitpoints/projected_point.h"
+#include "gfit/fitpoints/projector.h"
 
 // least-squares fits
 #include "gfit/leastsquares/distance.h"

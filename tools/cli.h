@@ -54,4 +54,8 @@ std::vector<Element> direct_fit_elements();
 std::vector<Element> ellipse_probed_elements();
 std::vector<Element> extremal_elements();
 
+// `gfit deviations --cad PART POINTS`: deviations of measured points from a CAD part
+// (built with gfit::cad only).
+int run_deviations(std::vector<std::string> const& args);
+
 }  // namespace gfit::cli

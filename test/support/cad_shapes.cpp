@@ -1,0 +1,164 @@
+#include "test/support/cad_shapes.h"
+
+#include <BRepBuilderAPI_MakeEdge.hxx>
+#include <BRepBuilderAPI_MakeFace.hxx>
+#include <BRepBuilderAPI_MakeVertex.hxx>
+#include <BRepBuilderAPI_MakeWire.hxx>
+#include <BRepBuilderAPI_NurbsConvert.hxx>
+#include <BRepFilletAPI_MakeFillet.hxx>
+#include <BRepPrimAPI_MakeBox.hxx>
+#include <BRepPrimAPI_MakePrism.hxx>
+#include <BRep_Builder.hxx>
+#include <BRep_Tool.hxx>
+#include <Geom_Curve.hxx>
+#include <GC_MakeCircle.hxx>
+#include <GeomAPI_PointsToBSplineSurface.hxx>
+#include <Geom_BSplineSurface.hxx>
+#include <TColgp_Array2OfPnt.hxx>
+#include <TopExp_Explorer.hxx>
+#include <TopoDS.hxx>
+#include <TopoDS_Compound.hxx>
+#include <gp_Ax3.hxx>
+#include <gp_Circ.hxx>
+#include <gp_Cone.hxx>
+#include <gp_Cylinder.hxx>
+#include <gp_Pln.hxx>
+#include <gp_Sphere.hxx>
+#include <gp_Torus.hxx>
+
+#include <cmath>
+
+namespace gfit::testing {
+
+namespace {
+gp_Pnt occ(giPoint3 const& p) { return {p.x(), p.y(), p.z()}; }
+gp_Dir occ(giUnitVec3 const& v) { return {v.x(), v.y(), v.z()}; }
+gp_Ax3 frame(giPoint3 const& origin, giUnitVec3 const& axis) { return gp_Ax3(occ(origin), occ(axis)); }
+
+// A planar face bounded by the rectangle [x0, x1] x [y0, y1] of z = 0, with circular holes.
+TopoDS_Face holed_rectangle(double x0, double y0, double x1, double y1, std::vector<gp_Pnt> const& centres,
+                            double radius) {
+  BRepBuilderAPI_MakeWire outer;
+  gp_Pnt c[4] = {{x0, y0, 0}, {x1, y0, 0}, {x1, y1, 0}, {x0, y1, 0}};
+  for (int i = 0; i < 4; ++i) outer.Add(BRepBuilderAPI_MakeEdge(c[i], c[(i + 1) % 4]).Edge());
+  BRepBuilderAPI_MakeFace face(outer.Wire(), Standard_True);
+  for (gp_Pnt const& centre : centres) {
+    gp_Circ circle(gp_Ax2(centre, gp::DZ()), radius);
+    TopoDS_Wire hole = BRepBuilderAPI_MakeWire(BRepBuilderAPI_MakeEdge(circle).Edge()).Wire();
+    face.Add(TopoDS::Wire(hole.Reversed()));  // inner wires run clockwise
+  }
+  return face.Face();
+}
+}  // namespace
+
+tskSurfPtr plane_face(giPoint3 const& origin, giUnitVec3 const& normal, double half_size) {
+  return tskSurf::from_shape(
+      BRepBuilderAPI_MakeFace(gp_Pln(frame(origin, normal)), -half_size, half_size, -half_size, half_size).Face());
+}
+
+tskSurfPtr cylinder_face(giPoint3 const& origin, giUnitVec3 const& axis, double radius, double height) {
+  return tskSurf::from_shape(
+      BRepBuilderAPI_MakeFace(gp_Cylinder(frame(origin, axis), radius), 0, 2 * M_PI, 0, height).Face());
+}
+
+tskSurfPtr half_cylinder_face(giPoint3 const& origin, giUnitVec3 const& axis, double radius, double height) {
+  return tskSurf::from_shape(
+      BRepBuilderAPI_MakeFace(gp_Cylinder(frame(origin, axis), radius), -M_PI / 2, M_PI / 2, 0, height).Face());
+}
+
+tskSurfPtr sphere_face(giPoint3 const& centre, double radius) {
+  return tskSurf::from_shape(BRepBuilderAPI_MakeFace(gp_Sphere(frame(centre, giUnitVec3(0, 0, 1)), radius)).Face());
+}
+
+tskSurfPtr cone_face(giPoint3 const& origin, giUnitVec3 const& axis, double radius, double half_angle, double height) {
+  double slant = height / std::cos(half_angle);
+  return tskSurf::from_shape(
+      BRepBuilderAPI_MakeFace(gp_Cone(frame(origin, axis), half_angle, radius), 0, 2 * M_PI, 0, slant).Face());
+}
+
+tskSurfPtr torus_face(giPoint3 const& centre, giUnitVec3 const& axis, double major, double minor) {
+  return tskSurf::from_shape(BRepBuilderAPI_MakeFace(gp_Torus(frame(centre, axis), major, minor)).Face());
+}
+
+double bspline_height(double x, double y) { return 5.0 * std::sin(x / 15.0) * std::cos(y / 20.0); }
+
+tskSurfPtr bspline_face() {
+  int const n = 21;
+  TColgp_Array2OfPnt grid(1, n, 1, n);
+  for (int i = 1; i <= n; ++i)
+    for (int j = 1; j <= n; ++j) {
+      double x = 5.0 * (i - 1), y = 5.0 * (j - 1);
+      grid.SetValue(i, j, gp_Pnt(x, y, bspline_height(x, y)));
+    }
+  Handle(Geom_BSplineSurface) s = GeomAPI_PointsToBSplineSurface(grid, 3, 3, GeomAbs_C2, 1e-9).Surface();
+  return tskSurf::from_shape(BRepBuilderAPI_MakeFace(s, 1e-7).Face());
+}
+
+tskSurfPtr box(giPoint3 const& corner, double dx, double dy, double dz) {
+  return tskSurf::from_shape(BRepPrimAPI_MakeBox(occ(corner), dx, dy, dz).Shape());
+}
+
+tskSurfPtr plate_with_hole() {
+  TopoDS_Face base = holed_rectangle(0, 0, 100, 60, {gp_Pnt(30, 30, 0)}, 8.0);
+  return tskSurf::from_shape(BRepPrimAPI_MakePrism(base, gp_Vec(0, 0, 10)).Shape());
+}
+
+tskSurfPtr filleted_block() {
+  TopoDS_Shape block = BRepPrimAPI_MakeBox(60, 40, 30).Shape();
+  BRepFilletAPI_MakeFillet fillet(block);
+  for (TopExp_Explorer e(block, TopAbs_EDGE); e.More(); e.Next()) fillet.Add(5.0, TopoDS::Edge(e.Current()));
+  return tskSurf::from_shape(fillet.Shape());
+}
+
+tskSurfPtr holed_plate(int n) {
+  std::vector<gp_Pnt> centres;
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j) centres.emplace_back(10.0 * i + 5.0, 10.0 * j + 5.0, 0.0);
+  TopoDS_Face base = holed_rectangle(0, 0, 10.0 * n, 10.0 * n, centres, 3.0);
+  return tskSurf::from_shape(BRepPrimAPI_MakePrism(base, gp_Vec(0, 0, 8)).Shape());
+}
+
+tskSurfPtr demo_bracket() {
+  double const w = 80, h = 50, r = 6;
+  gp_Pnt corner[4] = {{r, 0, 0}, {w, r, 0}, {w - r, h, 0}, {0, h - r, 0}};
+  gp_Pnt centre[4] = {{w - r, r, 0}, {w - r, h - r, 0}, {r, h - r, 0}, {r, r, 0}};
+  gp_Pnt end[4] = {{w - r, 0, 0}, {w, h - r, 0}, {r, h, 0}, {0, r, 0}};
+  BRepBuilderAPI_MakeWire outline;
+  for (int i = 0; i < 4; ++i) {
+    outline.Add(BRepBuilderAPI_MakeEdge(corner[i], end[i]).Edge());
+    gp_Circ arc(gp_Ax2(centre[i], gp::DZ()), r);
+    outline.Add(BRepBuilderAPI_MakeEdge(arc, end[i], corner[(i + 1) % 4]).Edge());
+  }
+  BRepBuilderAPI_MakeFace base(outline.Wire(), Standard_True);
+  gp_Circ hole(gp_Ax2(gp_Pnt(25, 25, 0), gp::DZ()), 8.0);
+  base.Add(TopoDS::Wire(BRepBuilderAPI_MakeWire(BRepBuilderAPI_MakeEdge(hole).Edge()).Wire().Reversed()));
+  TopoDS_Shape block = BRepPrimAPI_MakePrism(base.Face(), gp_Vec(0, 0, 20)).Shape();
+  // Round the outer edges of the top face.
+  BRepFilletAPI_MakeFillet fillet(block);
+  for (TopExp_Explorer e(block, TopAbs_EDGE); e.More(); e.Next()) {
+    Standard_Real first, last;
+    Handle(Geom_Curve) c = BRep_Tool::Curve(TopoDS::Edge(e.Current()), first, last);
+    gp_Pnt mid = c->Value(0.5 * (first + last));
+    bool top = std::fabs(mid.Z() - 20) < 1e-9 && mid.Distance(gp_Pnt(25, 25, 20)) > 8.5;
+    if (top) fillet.Add(2.0, TopoDS::Edge(e.Current()));
+  }
+  return tskSurf::from_shape(fillet.Shape());
+}
+
+tskSurfPtr compound(std::vector<tskSurfPtr> const& parts) {
+  BRep_Builder builder;
+  TopoDS_Compound all;
+  builder.MakeCompound(all);
+  for (tskSurfPtr const& p : parts) builder.Add(all, p->shape());
+  return tskSurf::from_shape(all);
+}
+
+tskSurfPtr as_bspline(tskSurfPtr const& surface) {
+  return tskSurf::from_shape(BRepBuilderAPI_NurbsConvert(surface->shape(), Standard_True).Shape());
+}
+
+tskSurfPtr from_own_shape(tskSurfPtr const& surface) { return tskSurf::from_shape(surface->shape()); }
+
+tskSurfPtr no_faces() { return tskSurf::from_shape(BRepBuilderAPI_MakeVertex(gp_Pnt(1, 2, 3)).Shape()); }
+
+}  // namespace gfit::testing
