@@ -47,6 +47,7 @@
 #include "gfit/leastsquares/probed.h"
 #include "gfit/leastsquares/sphere.h"
 #include "gfit/leastsquares/sphere_fit.h"
+#include "gfit/leastsquares/torus.h"
 
 // extremal fits
 #include "gfit/extremal/circle_fit_utils.h"

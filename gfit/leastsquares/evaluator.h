@@ -103,6 +103,21 @@ class GFIT_EXPORT gfLeastSquareEvaluator {
                                    giUnitVec2coDynArr const& normals, giPoint2& point, giUnitVec2& normal,
                                    double& residual);
 
+  // The torus (leastsquares/torus.h): centre, unit axis, ring radius r1, tube radius r2. At
+  // least 4 points here and 7 in the computation; a refusal or failure writes no output.
+  // From the points alone:
+  static int evaluate_torus(giPoint3coDynArr const& points, giPoint3& centre, giUnitVec3& axis, double& r1,
+                            double& r2, double& residual);
+  // From a guess: `centre` and `axis` are read as the start (the centre's height along the
+  // axis and the radii come from the points' meridian circle about that axis line) and
+  // overwritten with the result. Refuses fewer than 7 points and a non-finite or unset guess.
+  static int evaluate_torus_with_guess(giPoint3coDynArr const& points, giPoint3& centre, giUnitVec3& axis,
+                                       double& r1, double& r2, double& residual);
+  // The torus touched by a probe ball (gfCalculateTorusDownhillSimplex): `inside` non-zero
+  // when the ball centres lie inside the tube. At least 4 points (7 in the computation).
+  static int evaluate_probed_torus(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside,
+                                   giPoint3& centre, giUnitVec3& axis, double& r1, double& r2, double& residual);
+
   // The axis of revolution from points and their surface normals (leastsquares/
   // axis_of_revolution.h): at least 6 points and exactly one normal per point. With a set
   // `direction`, one fit from (point, direction); otherwise the multi-start search.

@@ -100,6 +100,23 @@ giPoint3coDynArr sample_cylinder(Rng& rng, giPoint3 const& point, giUnitVec3 con
   return out;
 }
 
+giPoint3coDynArr sample_torus(Rng& rng, giPoint3 const& centre, giUnitVec3 const& axis, double r1, double r2,
+                              double u0, double u_span, double v0, double v_span, int n, double noise,
+                              giUnitVec3coDynArr* normals) {
+  giUnitVec3 e1 = axis.any_normal();
+  giUnitVec3 e2 = axis.cross(e1).unit();
+  giPoint3coDynArr out(n, 16);
+  if (normals) normals->clear(0);
+  for (int i = 0; i < n; ++i) {
+    double u = u0 + u_span * rng.uniform(), v = v0 + v_span * rng.uniform();
+    giVector3 radial = e1 * std::cos(u) + e2 * std::sin(u);
+    giVector3 normal = radial * std::cos(v) + axis * std::sin(v);
+    out.append(centre + radial * r1 + normal * (r2 + noise * rng.normal()));
+    if (normals) normals->append(normal.unit());
+  }
+  return out;
+}
+
 giPoint2coDynArr sample_ellipse2(Rng* rng, giPoint2 const& centre, double a, double b, double angle, double start,
                                  double span, int n, double noise) {
   const double c = std::cos(angle), s = std::sin(angle);

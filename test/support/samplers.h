@@ -50,6 +50,14 @@ giPoint3coDynArr sample_cylinder(Rng& rng, giPoint3 const& point, giUnitVec3 con
                                  double half_length, double start, double span, int n, double noise,
                                  giUnitVec3coDynArr* normals = nullptr);
 
+// n points on a torus (centre, axis, ring radius r1, tube radius r2): the angle about the
+// axis uniform in [u0, u0 + u_span] from axis.any_normal(), the angle about the tube uniform
+// in [v0, v0 + v_span] from the outward radial direction (v = pi/2 faces along the axis),
+// noise along the tube's normal. `normals`, when given, receives the outward normals.
+giPoint3coDynArr sample_torus(Rng& rng, giPoint3 const& centre, giUnitVec3 const& axis, double r1, double r2,
+                              double u0, double u_span, double v0, double v_span, int n, double noise,
+                              giUnitVec3coDynArr* normals = nullptr);
+
 // The distance of point q from the line through p along d.
 double distance_from_axis(giPoint3 const& q, giPoint3 const& p, giVector3 const& d);
 // n points on the arc of parameters [start, start + span] of the ellipse with semi-axes a
