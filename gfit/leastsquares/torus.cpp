@@ -125,7 +125,7 @@ double gfDistanceFromTorus(giPoint3 const& point, giPoint3 const& centre, giUnit
 
 namespace {
 
-constexpr int kScanIterations = 12;  // variable-projection steps per trial direction
+constexpr int kScanIterations = 6;   // variable-projection steps per trial direction
 constexpr int kScanPoints = 1024;    // trial directions are fitted on at most this many points
 constexpr int kStarts = 4;           // distinct starts refined by Levenberg-Marquardt
 
@@ -179,7 +179,8 @@ class TorusAlongDirection {
   // p = (a, b, alpha, beta, c, h, R).
   double pass(double const* p, Matrix7& jtj, Vector7& jte) const;
   bool meridian_circle(double* p);
-  void settle_circle(double* p, double& s, Matrix7& jtj, Vector7& jte) const;
+  double meridian_sum_of_squares(double const* p) const;
+  void settle_circle(double* p, double& s, Matrix7& jtj, Vector7& jte, int steps) const;
   bool projected_circle(double lo, double hi, double& a, double& b) const;
   bool normals_meet(giUnitVec3 const& e1, giUnitVec3 const& e2, double& a, double& b) const;
 
@@ -188,23 +189,39 @@ class TorusAlongDirection {
   std::vector<double> x_, y_, z_, g_, f_;
 };
 
-// The algebraic circle u^2 + v^2 = A u + B v + C from its moments (Kasa): centre (A/2, B/2)
-// and radius, or false when the moments admit none.
-bool kasa_circle(double suu, double suv, double svv, double su, double sv, double n, double suw, double svw,
-                 double sw, double& cu, double& cv, double& radius) {
-  Eigen::Matrix3d m;
-  m << suu, suv, su, suv, svv, sv, su, sv, n;
-  Eigen::Vector3d rhs(suw, svw, sw);
-  Eigen::FullPivLU<Eigen::Matrix3d> lu(m);
-  if (lu.rank() < 3) return false;
-  Eigen::Vector3d x = lu.solve(rhs);
-  cu = 0.5 * x[0];
-  cv = 0.5 * x[1];
-  const double r2 = x[2] + cu * cu + cv * cv;
-  if (!(r2 > 0.0) || !std::isfinite(r2)) return false;
-  radius = std::sqrt(r2);
-  return true;
-}
+// The algebraic circle u^2 + v^2 = A u + B v + C (Kasa) from the moments of the points
+// added: centre (A/2, B/2) and radius, or false when the moments admit none.
+struct KasaCircle {
+  double suu = 0, suv = 0, svv = 0, su = 0, sv = 0, suw = 0, svw = 0, sw = 0, n = 0;
+
+  void add(double u, double v) {
+    const double w = u * u + v * v;
+    suu += u * u;
+    suv += u * v;
+    svv += v * v;
+    su += u;
+    sv += v;
+    suw += u * w;
+    svw += v * w;
+    sw += w;
+    n += 1.0;
+  }
+
+  bool circle(double& cu, double& cv, double& radius) const {
+    if (n < 3.0) return false;
+    Eigen::Matrix3d m;
+    m << suu, suv, su, suv, svv, sv, su, sv, n;
+    Eigen::FullPivLU<Eigen::Matrix3d> lu(m);
+    if (lu.rank() < 3) return false;
+    const Eigen::Vector3d x = lu.solve(Eigen::Vector3d(suw, svw, sw));
+    cu = 0.5 * x[0];
+    cv = 0.5 * x[1];
+    const double r2 = x[2] + cu * cu + cv * cv;
+    if (!(r2 > 0.0) || !std::isfinite(r2)) return false;
+    radius = std::sqrt(r2);
+    return true;
+  }
+};
 
 // The axis of p: unit direction (ux, uy, uz) in the frame and 1 / |(alpha, beta, 1)|.
 struct FrameAxis {
@@ -263,47 +280,51 @@ double TorusAlongDirection::pass(double const* p, Matrix7& jtj, Vector7& jte) co
   return s;
 }
 
+// The meridian coordinates about the axis of p into g_ and f_, and the algebraic circle
+// through them into p[4..6], in one pass; the moments are taken about the first point's
+// coordinates, which keeps their digits when the ring is far larger than the tube.
 bool TorusAlongDirection::meridian_circle(double* p) {
   const int n = points_.count();
   const FrameAxis u(p);
-  double mean_g = 0.0, mean_f = 0.0;
+  double g0 = 0.0, f0 = 0.0;
+  KasaCircle kasa;
   for (int i = 0; i < n; ++i) {
     const double vx = x_[i] - p[0], vy = y_[i] - p[1], vz = z_[i];
     const double F = vx * u.ux + vy * u.uy + vz * u.uz;
     const double wx = vx - F * u.ux, wy = vy - F * u.uy, wz = vz - F * u.uz;
-    g_[i] = std::sqrt(wx * wx + wy * wy + wz * wz);
+    const double G = std::sqrt(wx * wx + wy * wy + wz * wz);
+    g_[i] = G;
     f_[i] = F;
-    mean_g += g_[i];
-    mean_f += F;
-  }
-  mean_g /= n;
-  mean_f /= n;
-  double suu = 0, suv = 0, svv = 0, su = 0, sv = 0, suw = 0, svw = 0, sw = 0;
-  for (int i = 0; i < n; ++i) {
-    const double du = g_[i] - mean_g, dv = f_[i] - mean_f, w = du * du + dv * dv;
-    suu += du * du;
-    suv += du * dv;
-    svv += dv * dv;
-    su += du;
-    sv += dv;
-    suw += du * w;
-    svw += dv * w;
-    sw += w;
+    if (i == 0) {
+      g0 = G;
+      f0 = F;
+    }
+    kasa.add(G - g0, F - f0);
   }
   double cu = 0, cv = 0, radius = 0;
-  if (!kasa_circle(suu, suv, svv, su, sv, n, suw, svw, sw, cu, cv, radius)) return false;
-  p[4] = mean_g + cu;
-  p[5] = mean_f + cv;
+  if (!kasa.circle(cu, cv, radius)) return false;
+  p[4] = g0 + cu;
+  p[5] = f0 + cv;
   p[6] = radius;
   return true;
 }
 
-// Gauss-Newton on the meridian circle (c, h, R) alone, at most three steps, until the sum
-// of squares settles to 1e-12.
-void TorusAlongDirection::settle_circle(double* p, double& s, Matrix7& jtj, Vector7& jte) const {
+// The sum of squared distances of the meridian coordinates from the circle of p.
+double TorusAlongDirection::meridian_sum_of_squares(double const* p) const {
+  double s = 0.0;
+  for (int i = 0; i < points_.count(); ++i) {
+    const double e = std::hypot(g_[i] - p[4], f_[i] - p[5]) - p[6];
+    s += e * e;
+  }
+  return s;
+}
+
+// Gauss-Newton on the meridian circle (c, h, R) alone, at most `steps` steps, until the
+// sum of squares settles to 1e-8 (the search only ranks and seeds: the final fit polishes).
+void TorusAlongDirection::settle_circle(double* p, double& s, Matrix7& jtj, Vector7& jte, int steps) const {
   Matrix7 trial_jtj;
   Vector7 trial_jte;
-  for (int step = 0; step < 3; ++step) {
+  for (int step = 0; step < steps; ++step) {
     Eigen::LDLT<Eigen::Matrix3d> ldlt(jtj.bottomRightCorner<3, 3>());
     if (ldlt.info() != Eigen::Success) return;
     Eigen::Vector3d delta = ldlt.solve(-jte.tail<3>());
@@ -311,7 +332,7 @@ void TorusAlongDirection::settle_circle(double* p, double& s, Matrix7& jtj, Vect
     double trial[7] = {p[0], p[1], p[2], p[3], p[4] + delta[0], p[5] + delta[1], p[6] + delta[2]};
     const double ts = pass(trial, trial_jtj, trial_jte);
     if (!(ts < s)) return;
-    const bool settled = s - ts <= 1e-12 * s;
+    const bool settled = s - ts <= 1e-8 * s;
     std::copy(trial, trial + 7, p);
     s = ts;
     jtj = trial_jtj;
@@ -322,22 +343,11 @@ void TorusAlongDirection::settle_circle(double* p, double& s, Matrix7& jtj, Vect
 
 // The algebraic circle through the projections of the points with lo <= z <= hi.
 bool TorusAlongDirection::projected_circle(double lo, double hi, double& a, double& b) const {
-  double sxx = 0, sxy = 0, syy = 0, sx = 0, sy = 0, sxw = 0, syw = 0, sw = 0, count = 0;
-  for (int i = 0; i < points_.count(); ++i) {
-    if (z_[i] < lo || z_[i] > hi) continue;
-    const double x = x_[i], y = y_[i], w = x * x + y * y;
-    sxx += x * x;
-    sxy += x * y;
-    syy += y * y;
-    sx += x;
-    sy += y;
-    sxw += x * w;
-    syw += y * w;
-    sw += w;
-    count += 1.0;
-  }
+  KasaCircle kasa;
+  for (int i = 0; i < points_.count(); ++i)
+    if (z_[i] >= lo && z_[i] <= hi) kasa.add(x_[i], y_[i]);
   double radius = 0.0;
-  return count >= 3.0 && kasa_circle(sxx, sxy, syy, sx, sy, count, sxw, syw, sw, a, b, radius);
+  return kasa.circle(a, b, radius);
 }
 
 // The point where the normal lines, projected along the trial direction, meet in the least-
@@ -397,21 +407,17 @@ bool TorusAlongDirection::fit(giUnitVec3 const& d, int iterations, double const*
       if (k < 3 ? !projected_circle(slabs[k][0], slabs[k][1], t[0], t[1]) : !normals_meet(e1, e2, t[0], t[1]))
         continue;
       if (!meridian_circle(t)) continue;
-      const double ts = pass(t, trial_jtj, trial_jte);
+      const double ts = meridian_sum_of_squares(t);
       if (ts < s) {
         std::copy(t, t + 7, p);
         s = ts;
-        jtj = trial_jtj;
-        jte = trial_jte;
       }
     }
-    if (s == DBL_MAX) {  // no circle across d: the axis through the centroid
-      if (!meridian_circle(p)) return false;
-      s = pass(p, jtj, jte);
-    }
+    if (s == DBL_MAX && !meridian_circle(p)) return false;  // no circle across d: through the centroid
+    s = pass(p, jtj, jte);
   }
   if (!std::isfinite(s)) return false;
-  settle_circle(p, s, jtj, jte);
+  settle_circle(p, s, jtj, jte, 3);
 
   double lambda = 0.0;
   for (int it = 0; it < iterations && s > 0.0; ++it) {
@@ -430,9 +436,9 @@ bool TorusAlongDirection::fit(giUnitVec3 const& d, int iterations, double const*
     double trial[7] = {p[0] + step[0], p[1] + step[1], p[2] + step[2], p[3] + step[3],
                        p[4] + inner_step[0], p[5] + inner_step[1], p[6] + inner_step[2]};
     double ts = pass(trial, trial_jtj, trial_jte);
-    if (std::isfinite(ts)) settle_circle(trial, ts, trial_jtj, trial_jte);
+    if (std::isfinite(ts)) settle_circle(trial, ts, trial_jtj, trial_jte, 1);
     if (ts < s) {
-      const bool settled = s - ts <= 1e-10 * s;
+      const bool settled = s - ts <= 1e-7 * s;
       std::copy(trial, trial + 7, p);
       s = ts;
       jtj = trial_jtj;
@@ -725,19 +731,23 @@ namespace {
 // The mean squared compensated distance as a function of 7 variables that are all 1 at a
 // reference torus: the centre and the radii move by `length` per unit, the axis turns by
 // two angles of length / L per unit (L the ring's size) about the reference axis. Relative
-// steps and tolerances of the simplex are then alike for every variable.
+// steps and tolerances of the simplex are then alike for every variable. The distances are
+// the torus problem's own, plus each point's compensation.
 class CompensatedTorus : public mlFunctionN1 {
  public:
   CompensatedTorus(giPoint3coDynArr const& points, doublecoDynArr const& rho)
-      : mlFunctionN1(7), points_(points), rho_(rho) {}
+      : mlFunctionN1(7), problem_(points), rho_(rho), distances_(kBlock), squares_(kBlock) {}
 
-  void set_reference(mlVector const& torus, double length) {
+  // The reference torus; the length unit is a fifth of its tube radius (or of a hundredth
+  // of its ring radius, when that is larger).
+  void set_reference(mlVector const& torus) {
     reference_ = torus;
     w_ = giUnitVec3(torus[3], torus[4], torus[5]);
     e1_ = w_.any_normal();
     e2_ = giUnitVec3(w_.cross(e1_));
-    length_ = length;
-    turn_ = length / std::fmax(std::fmax(std::fabs(torus[6]), torus[7]), length);
+    const double size = std::fmax(std::fabs(torus[6]), torus[7]);
+    length_ = 0.2 * std::fmax(torus[7], 0.01 * size);
+    turn_ = length_ / size;
   }
 
   // The torus (8 parameters) at x.
@@ -756,23 +766,25 @@ class CompensatedTorus : public mlFunctionN1 {
 
   double function(mlSlice const& x) override {
     torus(x, t_);
-    const double cx = t_[0], cy = t_[1], cz = t_[2], ux = t_[3], uy = t_[4], uz = t_[5], r1 = t_[6], r2 = t_[7];
-    const int n = points_.count();
+    problem_.set_parameters(t_);
+    const int n = problem_.n_points();
     double s = 0.0;
-    for (int i = 0; i < n; ++i) {
-      const double dx = points_[i].x() - cx, dy = points_[i].y() - cy, dz = points_[i].z() - cz;
-      const double F = dx * ux + dy * uy + dz * uz;
-      const double px = uy * dz - uz * dy, py = uz * dx - ux * dz, pz = ux * dy - uy * dx;
-      const double e = std::sqrt(px * px + py * py + pz * pz) - r1;
-      const double d = std::sqrt(e * e + F * F) - r2 + rho_[i];
-      s += d * d;
+    for (int first = 0; first < n; first += kBlock) {
+      const int count = std::min(kBlock, n - first);
+      problem_.evaluate_distances(first, count, distances_.data(), squares_.data());
+      for (int k = 0; k < count; ++k) {
+        const double d = distances_[k] + rho_[first + k];
+        s += d * d;
+      }
     }
     return s / n;
   }
 
  private:
-  giPoint3coDynArr const& points_;
+  static constexpr int kBlock = 256;
+  gfLeastSquareTorus problem_;
   doublecoDynArr const& rho_;
+  std::vector<double> distances_, squares_;
   mlVector reference_, t_;
   giUnitVec3 w_, e1_, e2_;
   double length_ = 1.0, turn_ = 1.0;
@@ -803,10 +815,10 @@ int gfCalculateTorusDownhillSimplex(giPoint3coDynArr const& points, doublecoDynA
   const double gain = tolerance > 0.0 ? tolerance : 1e-9;
   CompensatedTorus f(points, rho);
   const mlVector ones(7, 1.0);
-  f.set_reference(best, 0.2 * best[7]);
+  f.set_reference(best);
   double value = f.function(ones);
   mlVector x;
-  for (int restart = 0; restart < 50; ++restart) {
+  for (int restart = 0; restart < 50; ++restart) {  // a bound that converging runs never reach
     mlDownHillSimplex simplex(7);
     const double v = simplex.solve(f, ones, ml_simplex_standard);
     if (!(v < value)) break;
@@ -815,7 +827,7 @@ int gfCalculateTorusDownhillSimplex(giPoint3coDynArr const& points, doublecoDynA
     f.torus(x, best);
     value = v;
     if (small) break;
-    f.set_reference(best, 0.2 * best[7]);
+    f.set_reference(best);
   }
   if (!std::isfinite(value)) return 0;
   centre = giPoint3(best[0], best[1], best[2]);

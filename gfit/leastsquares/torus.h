@@ -74,10 +74,10 @@ GFIT_EXPORT double gfDistanceFromTorus(giPoint3 const& point, giPoint3 const& ce
 // -r_i outside) by the downhill simplex over 7 variables (centre, the axis as two angles,
 // r1, r2), started from the plain torus of the centres with r2 shifted by the mean
 // compensation (exact for equal radii), and restarted from the best vertex until a restart
-// gains less than `tolerance` relatively (0: 1e-9). Returns 1 with centre, unit axis, radii
-// and the RMS residual written; 0 for fewer than 7 points, non-finite input, too few radii,
-// no plain torus or a compensated tube radius that is not positive, leaving the outputs
-// untouched.
+// gains less than `tolerance` relatively (0: 1e-9; negative: refused), at most 50 times.
+// Returns 1 with centre, unit axis, radii and the RMS residual written; 0 for fewer than 7
+// points, non-finite input, too few radii, no plain torus or a compensated tube radius that
+// is not positive, leaving the outputs untouched.
 GFIT_EXPORT int gfCalculateTorusDownhillSimplex(giPoint3coDynArr const& points, doublecoDynArr const& radii,
                                                 int inside, giPoint3& centre, giVector3& axis, double& r1,
                                                 double& r2, double& residual, double tolerance);

@@ -266,24 +266,17 @@ TEST(ProbedTorus, ZeroRadiiEqualThePlainFitAndRefusals) {
   // Refusals leave the outputs untouched.
   Torus untouched;
   untouched.r1 = 7.0;
-  giPoint3coDynArr six = first(pts, 6);
+  auto probed_status = [&](giPoint3coDynArr const& points, doublecoDynArr const& radii) {
+    return gfLeastSquareEvaluator::evaluate_probed_torus(points, radii, 0, untouched.centre, untouched.axis,
+                                                         untouched.r1, untouched.r2, untouched.residual);
+  };
   doublecoDynArr radii = constant(150, 1.0);
-  EXPECT_EQ(gfLeastSquareEvaluator::evaluate_probed_torus(six, radii, 0, untouched.centre, untouched.axis,
-                                                          untouched.r1, untouched.r2, untouched.residual),
-            0);
-  EXPECT_EQ(gfLeastSquareEvaluator::evaluate_probed_torus(pts, constant(149, 1.0), 0, untouched.centre,
-                                                          untouched.axis, untouched.r1, untouched.r2,
-                                                          untouched.residual),
-            0);
+  EXPECT_EQ(probed_status(first(pts, 6), radii), 0);
+  EXPECT_EQ(probed_status(pts, constant(149, 1.0)), 0);
   radii[3] = NAN;
-  EXPECT_EQ(gfLeastSquareEvaluator::evaluate_probed_torus(pts, radii, 0, untouched.centre, untouched.axis,
-                                                          untouched.r1, untouched.r2, untouched.residual),
-            0);
-  // Balls larger than the tube touched from inside leave no tube.
-  EXPECT_EQ(gfLeastSquareEvaluator::evaluate_probed_torus(pts, constant(150, 6.0), 0, untouched.centre,
-                                                          untouched.axis, untouched.r1, untouched.r2,
-                                                          untouched.residual),
-            0);
+  EXPECT_EQ(probed_status(pts, radii), 0);
+  // Balls of radius 6 outside a tube whose centres lie 5 from the spine leave no tube.
+  EXPECT_EQ(probed_status(pts, constant(150, 6.0)), 0);
   EXPECT_EQ(untouched.r1, 7.0);
   EXPECT_TRUE(untouched.axis.invalid());
 }
