@@ -117,6 +117,19 @@ const giUnitVec3 kGuessDirections[7] = {
 
 giUnitVec3 gfLeastSquareDistance3::guess_direction(int i) { return kGuessDirections[i]; }
 
+double gfLeastSquareDistance3::normalize_axis(mlVector& p) {
+  giUnitVec3 u(p[3], p[4], p[5]);
+  if (u.invalid()) u = giUnitVec3(1.0, 0.0, 0.0);
+  const double t = p[0] * u.x() + p[1] * u.y() + p[2] * u.z();
+  p[0] -= t * u.x();
+  p[1] -= t * u.y();
+  p[2] -= t * u.z();
+  p[3] = u.x();
+  p[4] = u.y();
+  p[5] = u.z();
+  return t;
+}
+
 void gfLeastSquareDistance3::F_G_and_derivatives(giPoint3 const& A, giUnitVec3 const& u, giPoint3 const& Q, double& F,
                                                  mlVector& dF, double& G, mlVector& dG) {
   const double dx = Q.x() - A.x(), dy = Q.y() - A.y(), dz = Q.z() - A.z();

@@ -48,6 +48,10 @@ class GFIT_EXPORT gfLeastSquareDistance3 : public mlDistanceLeastSquares {
   // vectors are grown to six elements; longer ones keep their other elements.
   static void F_G_and_derivatives(giPoint3 const& A, giUnitVec3 const& u, giPoint3 const& Q, double& F, mlVector& dF,
                                   double& G, mlVector& dG);
+  // The canonical form of an axis stored as p[0..2] (point) and p[3..5] (direction): the
+  // direction made unit (a zero one becomes (1, 0, 0)) and the point slid along the axis to
+  // the foot of the perpendicular from the origin. Returns the distance it slid, t = P . u.
+  static double normalize_axis(mlVector& p);
 
  private:
   giPoint3coDynArr const& points_;
