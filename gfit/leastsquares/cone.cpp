@@ -53,9 +53,7 @@ void gfLeastSquareCone::set_parameters(mlVector const& p) {
 }
 
 void gfLeastSquareCone::normalize_parameters(mlVector& p) const {
-  giUnitVec3 u(p[3], p[4], p[5]);
-  if (u.invalid()) u = giUnitVec3(1.0, 0.0, 0.0);
-  double theta = p[7], d = p[6];
+  double theta = p[7], d = p[6], sign = 1.0;
   theta -= 2.0 * kPi * std::floor(theta / (2.0 * kPi));
   if (theta > kPi) {
     theta -= kPi * std::floor(theta / kPi);
@@ -63,18 +61,12 @@ void gfLeastSquareCone::normalize_parameters(mlVector& p) const {
   }
   if (theta > kPi / 2) {
     theta = kPi - theta;
-    u = -u;
+    sign = -1.0;
     d = -d;
   }
   // Slide A to the foot of the perpendicular from the origin; the offset follows so that
   // the surface stays where it was.
-  const double t = p[0] * u.x() + p[1] * u.y() + p[2] * u.z();
-  p[0] -= t * u.x();
-  p[1] -= t * u.y();
-  p[2] -= t * u.z();
-  p[3] = u.x();
-  p[4] = u.y();
-  p[5] = u.z();
+  const double t = gfit::detail::canonical_axis(p, sign);
   p[6] = d + t * std::sin(theta);
   p[7] = theta;
 }
@@ -105,36 +97,24 @@ void gfLeastSquareCone::offset_block(double const* offsets, int first, int count
                                      double* squares, double* jacobian, int ld) const {
   // The per-point operations in one loop, with the unit direction formed once.
   mlVector const& p = parameters();
-  const giUnitVec3 u(p[3], p[4], p[5]);
-  const double ux = u.x(), uy = u.y(), uz = u.z(), off = p[6], s = sin_, c = cos_;
-  const double sx = std::sqrt(std::fmax(0.0, 1.0 - ux * ux)), sy = std::sqrt(std::fmax(0.0, 1.0 - uy * uy)),
-               sz = std::sqrt(std::fmax(0.0, 1.0 - uz * uz));
+  const gfit::detail::AxisFrame frame(p);
+  const double ux = frame.ux, uy = frame.uy, uz = frame.uz, off = p[6], s = sin_, c = cos_;
   giPoint3 const* q = points().data() + first;
+  gfit::detail::AxialPoint a;
   for (int k = 0; k < count; ++k) {
-    const double dx = q[k].x() - p[0], dy = q[k].y() - p[1], dz = q[k].z() - p[2];
-    const double F = dx * ux + dy * uy + dz * uz;
-    const double cx = uy * dz - uz * dy, cy = uz * dx - ux * dz, cz = ux * dy - uy * dx;
-    const double G = std::sqrt(cx * cx + cy * cy + cz * cz);
+    frame.locate(q[k], a);
+    const double F = a.F, G = a.G;
     const double d = offsets ? F * s + G * c - off + offsets[first + k] : F * s + G * c - off;
     distances[k] = d;
     squares[k] = d * d;
     if (!jacobian) continue;
-    double g0, g1, g2;
-    if (G > 1e-7) {
-      g0 = (ux * F - dx) / G;
-      g1 = (uy * F - dy) / G;
-      g2 = (uz * F - dz) / G;
-    } else {  // on the axis: the frame's substitute gradient
-      g0 = sx;
-      g1 = sy;
-      g2 = sz;
-    }
-    jacobian[k] = -ux * s + g0 * c;
-    jacobian[ld + k] = -uy * s + g1 * c;
-    jacobian[2 * ld + k] = -uz * s + g2 * c;
-    jacobian[3 * ld + k] = (dx - ux * F) * s + F * g0 * c;
-    jacobian[4 * ld + k] = (dy - uy * F) * s + F * g1 * c;
-    jacobian[5 * ld + k] = (dz - uz * F) * s + F * g2 * c;
+    frame.gradient(a);
+    jacobian[k] = -ux * s + a.g0 * c;
+    jacobian[ld + k] = -uy * s + a.g1 * c;
+    jacobian[2 * ld + k] = -uz * s + a.g2 * c;
+    jacobian[3 * ld + k] = (a.dx - ux * F) * s + F * a.g0 * c;
+    jacobian[4 * ld + k] = (a.dy - uy * F) * s + F * a.g1 * c;
+    jacobian[5 * ld + k] = (a.dz - uz * F) * s + F * a.g2 * c;
     jacobian[6 * ld + k] = -1.0;
     jacobian[7 * ld + k] = F * c - G * s;
   }

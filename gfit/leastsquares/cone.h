@@ -105,9 +105,6 @@ class GFIT_EXPORT gfLeastSquareCone : public gfLeastSquareDistance3 {
     evaluate_block(first, count, distances, squares, nullptr, 0);
   }
 
-  double sin_half_angle() const { return sin_; }
-  double cos_half_angle() const { return cos_; }
-
   // Whether a solution agrees with the caller's guess axis (within `limit`, either way
   // round; an unset guess always agrees) and with the surface normals: the cone's outward
   // normals sin(theta) u + cos(theta) r (r the radial unit vector) must all lie within
@@ -258,9 +255,9 @@ class GFIT_EXPORT gfConeGuessGenerator {
 // `angle` bounds the axis, and random directions are drawn only within it; `normals`
 // (empty: none, else one per point) must agree with the cone's normals within `angle`,
 // unless that costs more than a thousandth of the range in RMS. Returns 1 with a result;
-// 0 for fewer than 6 points, non-finite input, normals of another count than the points,
-// or no cone (including one whose apex runs to infinity, sin(theta) < 1e-12), leaving the
-// outputs untouched.
+// 0 for fewer than 6 points, coincident points, non-finite input, normals of another count
+// than the points, or no cone (including one whose apex runs to infinity, sin(theta) <
+// 1e-12), leaving the outputs untouched.
 GFIT_EXPORT int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, giUnitVec3& axis,
                                            double& half_angle, double& residual, giUnitVec3 const& guess,
                                            giAngle const& angle, giUnitVec3coDynArr const& normals, int k);

@@ -2,7 +2,6 @@
 #include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
-#include <functional>
 #include <memory>
 #include <vector>
 
@@ -308,17 +307,20 @@ namespace {
 
 // The search's running state: the candidates and the solver.
 //
-// Two rules keep the search from spending itself on hopeless starts. A start is refined
+// Three rules keep the search from spending itself on hopeless starts. A start is refined
 // only while its deviation is within kPromising times the sum of squares of the cone chosen
 // so far: from much worse starts the strict solver tends to crawl, for its full 10000
-// iterations, towards a plane or a cylinder (the apex leaving for infinity). And sums of
-// squares at the rounding level of the coordinates (RMS 1e-12 of the range) are filed as
-// equal, so that among exact interpolations (six points admit several cones) a physical
-// one is chosen: while the chosen cone is exact but not physical every start is refined,
-// and the search stops once it has an exact cone that is physical and accepted.
+// iterations, towards a plane or a cylinder (the apex leaving for infinity). Once two
+// refinements have crawled like that, no more are made: the points then have no cone at a
+// finite distance to settle on (a plane, a line) or none that more starts would find. And
+// sums of squares at the rounding level of the coordinates (RMS 1e-12 of the range) are
+// filed as equal, so that among exact interpolations (six points admit several cones) a
+// physical one is chosen: while the chosen cone is exact but not physical every start is
+// refined, and the search stops once it has an exact cone that is physical and accepted.
 class ConeSearch {
  public:
   static constexpr double kPromising = 100.0;
+  static constexpr int kCrawls = 2;
 
   ConeSearch(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals, giUnitVec3 const& guess,
              giAngle const& angle, double tolerance)
@@ -330,7 +332,7 @@ class ConeSearch {
   }
 
   bool promising(double deviation) const {
-    if (!(deviation < DBL_MAX)) return false;
+    if (!(deviation < DBL_MAX) || crawls_ >= kCrawls) return false;
     mlVector chosen(8);
     double value = DBL_MAX;
     results_.get_best(value, chosen);
@@ -343,6 +345,7 @@ class ConeSearch {
   void refine(double deviation, mlVector const& start) {
     if (!promising(deviation)) return;
     const double value = lm_.fit(start, result_) * points_.count();
+    if (lm_.termination() == mlLevenbergMarquardt::iteration_limit) ++crawls_;
     if (!std::isfinite(value)) return;
     const double filed = std::max(value, floor_);
     results_.add(filed, result_);
@@ -373,6 +376,7 @@ class ConeSearch {
   gfLeastSquareConeResults results_;
   mlVector result_ = mlVector(8);
   double smallest_ = DBL_MAX;
+  int crawls_ = 0;  // refinements that ran to the iteration limit
 };
 
 // The deterministic starts, in this order: from the normals (one per point), two circles,
@@ -459,6 +463,7 @@ int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, g
                                giUnitVec3coDynArr const& normals, int k) {
   const int n = points.count();
   if (n < 6 || !gfit::detail::valid_axis_search_input(points, guess, angle, normals)) return 0;
+  if (!(gfLeastSquareCone(points).range() > 0.0)) return 0;  // all points coincide
   const double tolerance = gfLeastSquareConeNonPhysicalTolerance();
 
   if (k != 0 && (k < 0 || k + 6 <= n)) {

@@ -436,6 +436,9 @@ TEST(ConeEdges, RefusalsMarkTheAxis) {
   giPoint3coDynArr bad = pts;
   bad[4] = giPoint3(NAN, 0, 0);
   refused(fit(bad, c));
+  giPoint3coDynArr coincident(8, 16);
+  for (int i = 0; i < 8; ++i) coincident.append(giPoint3(1, 2, 3));
+  refused(fit(coincident, c));
   giUnitVec3coDynArr too_few{giUnitVec3(1, 0, 0)};
   refused(gfLeastSquareEvaluator::evaluate_cone(pts, too_few, giAngle(0.1), c.apex, c.axis, c.half_angle, c.residual,
                                                 0));

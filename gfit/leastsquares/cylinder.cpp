@@ -45,17 +45,7 @@ gfLeastSquareCylinder::gfLeastSquareCylinder(giPoint3coDynArr const& points)
     : gfLeastSquareDistance3(7, points), dF_(6), dG_(6) {}
 gfLeastSquareCylinder::~gfLeastSquareCylinder() = default;
 
-void gfLeastSquareCylinder::normalize_parameters(mlVector& p) const {
-  giUnitVec3 u(p[3], p[4], p[5]);
-  if (u.invalid()) u = giUnitVec3(1.0, 0.0, 0.0);
-  const double t = p[0] * u.x() + p[1] * u.y() + p[2] * u.z();
-  p[0] -= t * u.x();
-  p[1] -= t * u.y();
-  p[2] -= t * u.z();
-  p[3] = u.x();
-  p[4] = u.y();
-  p[5] = u.z();
-}
+void gfLeastSquareCylinder::normalize_parameters(mlVector& p) const { gfit::detail::canonical_axis(p); }
 
 void gfLeastSquareCylinder::get_distance(double& d, int i) const {
   mlVector const& p = parameters();
@@ -81,36 +71,23 @@ void gfLeastSquareCylinder::offset_block(double const* offsets, int first, int c
                                          double* squares, double* jacobian, int ld) const {
   // The per-point operations in one loop, with the unit direction formed once.
   mlVector const& p = parameters();
-  const giUnitVec3 u(p[3], p[4], p[5]);
-  const double ux = u.x(), uy = u.y(), uz = u.z(), r = p[6];
-  const double sx = std::sqrt(std::fmax(0.0, 1.0 - ux * ux)), sy = std::sqrt(std::fmax(0.0, 1.0 - uy * uy)),
-               sz = std::sqrt(std::fmax(0.0, 1.0 - uz * uz));
+  const gfit::detail::AxisFrame frame(p);
+  const double r = p[6];
   giPoint3 const* q = points().data() + first;
+  gfit::detail::AxialPoint a;
   for (int k = 0; k < count; ++k) {
-    const double dx = q[k].x() - p[0], dy = q[k].y() - p[1], dz = q[k].z() - p[2];
-    const double cx = uy * dz - uz * dy, cy = uz * dx - ux * dz, cz = ux * dy - uy * dx;
-    const double G = std::sqrt(cx * cx + cy * cy + cz * cz);
-    const double d = offsets ? G - r + offsets[first + k] : G - r;
+    frame.locate(q[k], a);
+    const double d = offsets ? a.G - r + offsets[first + k] : a.G - r;
     distances[k] = d;
     squares[k] = d * d;
     if (!jacobian) continue;
-    const double F = dx * ux + dy * uy + dz * uz;
-    double g0, g1, g2;
-    if (G > 1e-7) {
-      g0 = (ux * F - dx) / G;
-      g1 = (uy * F - dy) / G;
-      g2 = (uz * F - dz) / G;
-    } else {  // on the axis: the frame's substitute gradient
-      g0 = sx;
-      g1 = sy;
-      g2 = sz;
-    }
-    jacobian[k] = g0;
-    jacobian[ld + k] = g1;
-    jacobian[2 * ld + k] = g2;
-    jacobian[3 * ld + k] = F * g0;
-    jacobian[4 * ld + k] = F * g1;
-    jacobian[5 * ld + k] = F * g2;
+    frame.gradient(a);
+    jacobian[k] = a.g0;
+    jacobian[ld + k] = a.g1;
+    jacobian[2 * ld + k] = a.g2;
+    jacobian[3 * ld + k] = a.F * a.g0;
+    jacobian[4 * ld + k] = a.F * a.g1;
+    jacobian[5 * ld + k] = a.F * a.g2;
     jacobian[6 * ld + k] = -1.0;
   }
 }
