@@ -10,6 +10,15 @@
 // without it rho_i = -r_i (a shaft or a conical point touched from outside). The parameter
 // layouts, normalisation, scales and independent-parameter counts are the plain elements'.
 // The radii must hold at least one entry per point.
+//
+// The evaluator's entries (evaluate_probed_cylinder, evaluate_probed_cone) fit the plain
+// element to the ball centres, shift its radius (the cone: its offset d) by the mean
+// compensation, which is exact when all radii are equal, and make one Levenberg-Marquardt
+// fit of the compensated problem from there. The cone entries also take optional contact
+// estimates, one per centre (from a nominal model, say): when given, the plain cone is
+// fitted to them instead, and each centre's side comes from them (a centre outside the
+// contacts' cone is compensated as touched from outside, one inside as touched from within),
+// so that centres touched from both sides mix. Contacts of another count are ignored.
 #pragma once
 
 #include "gfit/gfit_export.h"
