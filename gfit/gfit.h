@@ -40,11 +40,13 @@
 #include "gfit/leastsquares/distance.h"
 #include "gfit/leastsquares/axis_of_revolution.h"
 #include "gfit/leastsquares/circle.h"
+#include "gfit/leastsquares/cone.h"
 #include "gfit/leastsquares/cylinder.h"
 #include "gfit/leastsquares/direct_fit.h"
 #include "gfit/leastsquares/ellipse.h"
 #include "gfit/leastsquares/evaluator.h"
 #include "gfit/leastsquares/probed.h"
+#include "gfit/leastsquares/probed_cylinder_cone.h"
 #include "gfit/leastsquares/sphere.h"
 #include "gfit/leastsquares/sphere_fit.h"
 

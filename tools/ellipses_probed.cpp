@@ -7,18 +7,6 @@ namespace gfit::cli {
 
 namespace {
 
-// The probe radius of every point: the optional last column, or --radius R.
-doublecoDynArr probe_radii(PointTable const& t, int coordinates, Options const& options) {
-  doublecoDynArr radii(t.rows(), 16);
-  const bool column = t.columns > coordinates;
-  if (column == options.has("--radius"))
-    throw UsageError{column ? "give the probe radius either as a column or as --radius, not both"
-                            : "give the probe radius as a last column or as --radius R"};
-  const double fixed = column ? 0.0 : number_option(options, "--radius");
-  for (int i = 0; i < t.rows(); ++i) radii.append(column ? t.values[t.columns * i + coordinates] : fixed);
-  return radii;
-}
-
 int fit_ellipse(PointTable const& t, Options const&, JsonObject& out) {
   giPoint2 centre;
   double major = 0, minor = 0, angle = 0, residual = 0;

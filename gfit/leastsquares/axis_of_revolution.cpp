@@ -10,9 +10,7 @@ gfLeastSquareAxisRev::gfLeastSquareAxisRev(giPoint3coDynArr const& points, giUni
     : gfLeastSquareDistance3(6, points), normals_(normals) {}
 gfLeastSquareAxisRev::~gfLeastSquareAxisRev() = default;
 
-void gfLeastSquareAxisRev::normalize_parameters(mlVector& p) const {
-  normalize_axis(p);
-}
+void gfLeastSquareAxisRev::normalize_parameters(mlVector& p) const { gfit::detail::canonical_axis(p); }
 
 void gfLeastSquareAxisRev::get_distance(double& d, int i) const {
   mlVector const& p = parameters();
