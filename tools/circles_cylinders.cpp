@@ -42,20 +42,13 @@ int fit_cylinder(PointTable const& t, Options const& options, JsonObject& out) {
   giPoint3 point;
   giUnitVec3 direction;
   double radius = 0.0, residual = 0.0;
-  giAngle angle = giAngle::from_degrees(options.has("--angle") ? number_option(options, "--angle") : 10.0);
-  int status = 0;
-  if (options.has("--normals")) {
-    if (options.has("--guess")) throw UsageError{"--normals and --guess do not go together"};
-    giUnitVec3coDynArr normals = read_normals(options.get("--normals"), points.count());
-    status = gfLeastSquareEvaluator::evaluate_cylinder(points, normals, angle, point, direction, radius, residual, 0);
-  } else {
-    giUnitVec3 guess;
-    if (options.has("--guess")) {
-      guess = vector_option(options, "--guess").unit();
-      if (guess.invalid()) throw UsageError{"--guess needs a non-zero direction"};
-    }
-    status = gfLeastSquareEvaluator::evaluate_cylinder(points, point, direction, radius, residual, guess, angle, 0);
-  }
+  const AxisGuide guide = axis_guide(options, points.count());
+  const int status =
+      options.has("--normals")
+          ? gfLeastSquareEvaluator::evaluate_cylinder(points, guide.normals, guide.angle, point, direction, radius,
+                                                      residual, 0)
+          : gfLeastSquareEvaluator::evaluate_cylinder(points, point, direction, radius, residual, guide.guess,
+                                                      guide.angle, 0);
   out.add("status", status);
   if (status == 1)
     out.add("point", {point.x(), point.y(), point.z()})

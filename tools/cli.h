@@ -46,8 +46,18 @@ giPoint3coDynArr points3(PointTable const& t);
 giPoint2coDynArr points2(PointTable const& t);
 // Unit vectors read from a file of x y z lines, one per point (--normals).
 giUnitVec3coDynArr read_normals(std::string const& path, int expected);
-// The probe radius of every point: the optional value after the `coordinates`, or --radius R.
+
+// The probe radius of every point: the optional column after the `coordinates`, or --radius R.
 doublecoDynArr probe_radii(PointTable const& t, int coordinates, Options const& options);
+
+// How the searches over axis directions are guided: --normals FILE (one surface normal per
+// point) or --guess x,y,z (not both), within --angle DEG (default 10).
+struct AxisGuide {
+  giUnitVec3coDynArr normals;  // empty without --normals
+  giUnitVec3 guess;            // unset without --guess
+  giAngle angle;
+};
+AxisGuide axis_guide(Options const& options, int points);
 
 // The families.
 std::vector<Element> line_plane_elements();
@@ -55,6 +65,7 @@ std::vector<Element> circle_cylinder_elements();
 std::vector<Element> direct_fit_elements();
 std::vector<Element> ellipse_probed_elements();
 std::vector<Element> extremal_elements();
+std::vector<Element> cone_elements();
 std::vector<Element> torus_elements();
 
 // `gfit deviations --cad PART POINTS`: deviations of measured points from a CAD part

@@ -16,7 +16,7 @@ int fit_ellipse(PointTable const& t, Options const&, JsonObject& out) {
       .add("major", major)
       .add("minor", minor)
       .add("angle", angle)
-      .add("angle_degrees", angle * 180.0 / M_PI)
+      .add("angle_degrees", angle * 180.0 / giPi)
       .add("residual", residual);
   return status;
 }

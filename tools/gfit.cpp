@@ -52,17 +52,6 @@ giUnitVec3coDynArr read_normals(std::string const& path, int expected) {
   return normals;
 }
 
-doublecoDynArr probe_radii(PointTable const& t, int coordinates, Options const& options) {
-  doublecoDynArr radii(t.rows(), 16);
-  const bool column = t.columns > coordinates;
-  if (column == options.has("--radius"))
-    throw UsageError{column ? "give the probe radius either as a column or as --radius, not both"
-                            : "give the probe radius as a last column or as --radius R"};
-  const double fixed = column ? 0.0 : number_option(options, "--radius");
-  for (int i = 0; i < t.rows(); ++i) radii.append(column ? t.values[t.columns * i + coordinates] : fixed);
-  return radii;
-}
-
 double number_option(Options const& options, std::string const& name) {
   std::string const& text = options.get(name);
   char* end = nullptr;
@@ -82,6 +71,30 @@ giVector3 vector_option(Options const& options, std::string const& name) {
   return {x, y, z};
 }
 
+doublecoDynArr probe_radii(PointTable const& t, int coordinates, Options const& options) {
+  doublecoDynArr radii(t.rows(), 16);
+  const bool column = t.columns > coordinates;
+  if (column == options.has("--radius"))
+    throw UsageError{column ? "give the probe radius either as a column or as --radius, not both"
+                            : "give the probe radius as a last column or as --radius R"};
+  const double fixed = column ? 0.0 : number_option(options, "--radius");
+  for (int i = 0; i < t.rows(); ++i) radii.append(column ? t.values[t.columns * i + coordinates] : fixed);
+  return radii;
+}
+
+AxisGuide axis_guide(Options const& options, int points) {
+  AxisGuide guide;
+  guide.angle = giAngle::from_degrees(options.has("--angle") ? number_option(options, "--angle") : 10.0);
+  if (options.has("--normals")) {
+    if (options.has("--guess")) throw UsageError{"--normals and --guess do not go together"};
+    guide.normals = read_normals(options.get("--normals"), points);
+  } else if (options.has("--guess")) {
+    guide.guess = vector_option(options, "--guess").unit();
+    if (guide.guess.invalid()) throw UsageError{"--guess needs a non-zero direction"};
+  }
+  return guide;
+}
+
 }  // namespace gfit::cli
 
 namespace {
@@ -92,7 +105,8 @@ std::vector<Element> const& elements() {
   static const std::vector<Element> table = [] {
     std::vector<Element> all;
     for (auto family : {line_plane_elements, circle_cylinder_elements, direct_fit_elements,
-                         ellipse_probed_elements, extremal_elements, torus_elements}) {
+                         ellipse_probed_elements, extremal_elements, cone_elements,
+                         torus_elements}) {
       std::vector<Element> some = family();
       all.insert(all.end(), some.begin(), some.end());
     }

@@ -34,7 +34,7 @@ int cone_through_three(giUnitVec3 const& a, giUnitVec3 const& b, giUnitVec3 cons
   if (n.dot(a) < 0.0) n = -n;
   axis = n.unit();
   angle = unsigned_angle(a, axis).radians();
-  return angle + length_tolerance > 0.5 * M_PI ? -1 : 1;
+  return angle + length_tolerance > 0.5 * giPi ? -1 : 1;
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ class GFIT_EXPORT gfContainmentCone {
  protected:
   struct Cone {
     giUnitVec3 axis = giUnitVec3(0.0, 0.0, 1.0);
-    double angle = 2.0 * M_PI;  // no cone yet
+    double angle = 2.0 * giPi;  // no cone yet
   };
   // A candidate cone with the support it would take.
   struct Candidate {

@@ -10,17 +10,7 @@ gfLeastSquareAxisRev::gfLeastSquareAxisRev(giPoint3coDynArr const& points, giUni
     : gfLeastSquareDistance3(6, points), normals_(normals) {}
 gfLeastSquareAxisRev::~gfLeastSquareAxisRev() = default;
 
-void gfLeastSquareAxisRev::normalize_parameters(mlVector& p) const {
-  giUnitVec3 u(p[3], p[4], p[5]);
-  if (u.invalid()) u = giUnitVec3(1.0, 0.0, 0.0);
-  const double t = p[0] * u.x() + p[1] * u.y() + p[2] * u.z();
-  p[0] -= t * u.x();
-  p[1] -= t * u.y();
-  p[2] -= t * u.z();
-  p[3] = u.x();
-  p[4] = u.y();
-  p[5] = u.z();
-}
+void gfLeastSquareAxisRev::normalize_parameters(mlVector& p) const { gfit::detail::canonical_axis(p); }
 
 void gfLeastSquareAxisRev::get_distance(double& d, int i) const {
   mlVector const& p = parameters();

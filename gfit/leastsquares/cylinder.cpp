@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "gfit/leastsquares/axis_candidates.h"
+#include "gfit/leastsquares/axis_search.h"
 #include "gfit/leastsquares/evaluator.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
@@ -44,17 +45,7 @@ gfLeastSquareCylinder::gfLeastSquareCylinder(giPoint3coDynArr const& points)
     : gfLeastSquareDistance3(7, points), dF_(6), dG_(6) {}
 gfLeastSquareCylinder::~gfLeastSquareCylinder() = default;
 
-void gfLeastSquareCylinder::normalize_parameters(mlVector& p) const {
-  giUnitVec3 u(p[3], p[4], p[5]);
-  if (u.invalid()) u = giUnitVec3(1.0, 0.0, 0.0);
-  const double t = p[0] * u.x() + p[1] * u.y() + p[2] * u.z();
-  p[0] -= t * u.x();
-  p[1] -= t * u.y();
-  p[2] -= t * u.z();
-  p[3] = u.x();
-  p[4] = u.y();
-  p[5] = u.z();
-}
+void gfLeastSquareCylinder::normalize_parameters(mlVector& p) const { gfit::detail::canonical_axis(p); }
 
 void gfLeastSquareCylinder::get_distance(double& d, int i) const {
   mlVector const& p = parameters();
@@ -73,38 +64,30 @@ void gfLeastSquareCylinder::get_distance_and_gradient(double& d, mlVector& g, in
 
 void gfLeastSquareCylinder::evaluate_block(int first, int count, double* distances, double* squares,
                                            double* jacobian, int ld) const {
+  offset_block(nullptr, first, count, distances, squares, jacobian, ld);
+}
+
+void gfLeastSquareCylinder::offset_block(double const* offsets, int first, int count, double* distances,
+                                         double* squares, double* jacobian, int ld) const {
   // The per-point operations in one loop, with the unit direction formed once.
   mlVector const& p = parameters();
-  const giUnitVec3 u(p[3], p[4], p[5]);
-  const double ux = u.x(), uy = u.y(), uz = u.z(), r = p[6];
-  const double sx = std::sqrt(std::fmax(0.0, 1.0 - ux * ux)), sy = std::sqrt(std::fmax(0.0, 1.0 - uy * uy)),
-               sz = std::sqrt(std::fmax(0.0, 1.0 - uz * uz));
+  const gfit::detail::AxisFrame frame(p);
+  const double r = p[6];
   giPoint3 const* q = points().data() + first;
+  gfit::detail::AxialPoint a;
   for (int k = 0; k < count; ++k) {
-    const double dx = q[k].x() - p[0], dy = q[k].y() - p[1], dz = q[k].z() - p[2];
-    const double cx = uy * dz - uz * dy, cy = uz * dx - ux * dz, cz = ux * dy - uy * dx;
-    const double G = std::sqrt(cx * cx + cy * cy + cz * cz);
-    const double d = G - r;
+    frame.locate(q[k], a);
+    const double d = offsets ? a.G - r + offsets[first + k] : a.G - r;
     distances[k] = d;
     squares[k] = d * d;
     if (!jacobian) continue;
-    const double F = dx * ux + dy * uy + dz * uz;
-    double g0, g1, g2;
-    if (G > 1e-7) {
-      g0 = (ux * F - dx) / G;
-      g1 = (uy * F - dy) / G;
-      g2 = (uz * F - dz) / G;
-    } else {  // on the axis: the frame's substitute gradient
-      g0 = sx;
-      g1 = sy;
-      g2 = sz;
-    }
-    jacobian[k] = g0;
-    jacobian[ld + k] = g1;
-    jacobian[2 * ld + k] = g2;
-    jacobian[3 * ld + k] = F * g0;
-    jacobian[4 * ld + k] = F * g1;
-    jacobian[5 * ld + k] = F * g2;
+    frame.gradient(a);
+    jacobian[k] = a.g0;
+    jacobian[ld + k] = a.g1;
+    jacobian[2 * ld + k] = a.g2;
+    jacobian[3 * ld + k] = a.F * a.g0;
+    jacobian[4 * ld + k] = a.F * a.g1;
+    jacobian[5 * ld + k] = a.F * a.g2;
     jacobian[6 * ld + k] = -1.0;
   }
 }
@@ -278,66 +261,27 @@ void write_outputs(mlVector const& p, double value, giPoint3& point, giUnitVec3&
   residual = std::sqrt(value);
 }
 
-bool valid_input(giPoint3coDynArr const& points, giUnitVec3 const& guess, giAngle const& angle,
-                 giUnitVec3coDynArr const& normals) {
-  if (!gfit::detail::all_finite(points) || !gfit::detail::all_valid(normals)) return false;
-  if (normals.count() != 0 && normals.count() != points.count()) return false;
-  if (!guess.invalid() && !(std::isfinite(guess.x()) && std::isfinite(guess.y()) && std::isfinite(guess.z())))
-    return false;
-  return std::isfinite(angle.radians());
-}
-
-// The refinement of a previous solution for a grown point set (see the header): returns
-// false when the new points or the refit disagree with it.
-bool refine(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction, double& radius,
-            double& residual, int k) {
-  const int n = points.count();
-  gfLeastSquareCylinder problem(points);
-  mlVector previous{point.x(), point.y(), point.z(), direction.x(), direction.y(), direction.z(), radius};
-  problem.set_parameters(previous);
-  const double R = problem.range();
-  const int old_count = k > 0 ? n - k : n;
-  std::vector<double> old_distances(old_count);
-  double largest_new = 0.0;
-  for (int i = 0; i < n; ++i) {
-    double d = 0.0;
-    problem.get_distance(d, i);
-    if (i < old_count)
-      old_distances[i] = std::fabs(d);
-    else
-      largest_new = std::max(largest_new, std::fabs(d));
-  }
-  std::sort(old_distances.begin(), old_distances.end());
-  const int last = old_count - 1;
-  const int idx = n < 21 ? static_cast<int>((old_count - 1) * 0.9) : last;
-  if (k >= 0 && !(largest_new < std::max(10.0 * old_distances[idx], R * 0.001))) return false;
-  mlLevenbergMarquardt lm(problem);
-  mlVector result(7);
-  const double value = lm.fit(previous, result);
-  if (k >= 0) {
-    double largest = 0.0;
-    for (int i = 0; i < n; ++i) {
-      double d = 0.0;
-      problem.get_distance(d, i);
-      largest = std::max(largest, std::fabs(d));
-    }
-    if (std::max(1.1 * old_distances[last], R * 1e-6) <= largest) return false;
-  }
-  write_outputs(result, value, point, direction, radius, residual);
-  return true;
-}
-
 }  // namespace
 
 int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction,
                                    double& radius, double& residual, giUnitVec3 const& guess, giAngle const& angle,
                                    giUnitVec3coDynArr const& normals, int k) {
   const int n = points.count();
-  if (n < 5 || !valid_input(points, guess, angle, normals)) return 0;
+  if (n < 5 || !gfit::detail::valid_axis_search_input(points, guess, angle, normals)) return 0;
 
   if (k != 0 && (k < 0 || k + 5 <= n)) {
     const bool previous_usable = point.finite() && !direction.invalid() && std::isfinite(radius);
-    if (previous_usable && refine(points, point, direction, radius, residual, k)) return 1;
+    if (previous_usable) {
+      gfLeastSquareCylinder problem(points);
+      mlLevenbergMarquardt lm(problem);
+      mlVector previous{point.x(), point.y(), point.z(), direction.x(), direction.y(), direction.z(), radius};
+      mlVector result(7);
+      double value = 0.0;
+      if (gfit::detail::refine_grown_fit(problem, lm, problem.range(), previous, k, result, value)) {
+        write_outputs(result, value, point, direction, radius, residual);
+        return 1;
+      }
+    }
   }
 
   gfLeastSquareCylinder problem(points);
@@ -423,8 +367,7 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
     mlRandom random(1);
     for (int batch = 0; batch < 20; ++batch) {
       for (int j = 0; j < 100; ++j) {
-        const double u1 = random.next_unit(), u2 = random.next_unit(), u3 = random.next_unit();
-        candidates[j] = giUnitVec3(2.0 * u1 - 1.0, 2.0 * u2 - 1.0, 0.9999999 * u3 + 1e-7);
+        candidates[j] = gfit::detail::hemisphere_direction(random);
         used[j] = !restricted || std::fabs(pass_direction.dot(candidates[j])) >= cos_cone;
       }
       gfit::detail::parallel_for(100, static_cast<int>(fitters.size()), [&](int j, int worker) {

@@ -78,6 +78,12 @@ class GFIT_EXPORT gfLeastSquareCylinder : public gfLeastSquareDistance3 {
   static void add_distinct_result(gfFittedCylinder const& c, double tolerance, giAngle angle,
                                   gfFittedCylindercoDynArr& results);
 
+ protected:
+  // The distances G - r + offsets[i] (no offsets when null) and their gradient in one loop:
+  // the batch form of this class and of the probe-compensated cylinder.
+  void offset_block(double const* offsets, int first, int count, double* distances, double* squares,
+                    double* jacobian, int ld) const;
+
  private:
   mutable mlVector dF_, dG_;
 };

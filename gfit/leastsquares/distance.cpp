@@ -79,6 +79,20 @@ bool all_valid(giUnitVec3coDynArr const& vectors) {
   return true;
 }
 
+double canonical_axis(mlVector& p, double sign) {
+  giUnitVec3 u(p[3], p[4], p[5]);
+  if (u.invalid()) u = giUnitVec3(1.0, 0.0, 0.0);
+  if (sign < 0.0) u = -u;
+  const double t = p[0] * u.x() + p[1] * u.y() + p[2] * u.z();
+  p[0] -= t * u.x();
+  p[1] -= t * u.y();
+  p[2] -= t * u.z();
+  p[3] = u.x();
+  p[4] = u.y();
+  p[5] = u.z();
+  return t;
+}
+
 }  // namespace gfit::detail
 
 // ---- 2-D --------------------------------------------------------------------------------

@@ -7,6 +7,8 @@
 // axis point (x, y, z) and the axis direction (x, y, z).
 #pragma once
 
+#include <cmath>
+
 #include "gfit/gfit_export.h"
 #include "gfit/platform/arrays.h"
 #include "gfit/platform/least_squares.h"
@@ -66,4 +68,60 @@ GFIT_EXPORT bool all_finite(giPoint2coDynArr const& points);
 GFIT_EXPORT bool all_finite(doublecoDynArr const& values);
 // Every vector set (not the unset mark) and finite.
 GFIT_EXPORT bool all_valid(giUnitVec3coDynArr const& vectors);
+}  // namespace gfit::detail
+
+namespace gfit::detail {
+
+// The canonical axis of parameters that begin with an axis point and direction: p[3..5]
+// made a unit vector ((1, 0, 0) when zero) and multiplied by `sign`, p[0..2] slid along it
+// to the foot of the perpendicular from the origin. Returns how far the point slid, against
+// the final direction (the old point's height along it).
+GFIT_EXPORT double canonical_axis(mlVector& p, double sign = 1.0);
+
+// F_G_and_derivatives in the form a batch loop over points wants, with the unit direction
+// and the substitute gradient formed once: `locate` gives d = Q - A, F and G; `gradient`
+// gives dG/dA (dG/du is F times it; dF/dA = -u and dF/du = d - u F).
+struct AxialPoint {
+  double dx, dy, dz;  // Q - A
+  double F, G;
+  double g0, g1, g2;  // dG/dA
+};
+
+class AxisFrame {
+ public:
+  // A = p[0..2], u = p[3..5] made unit.
+  explicit AxisFrame(mlVector const& p) : ax_(p[0]), ay_(p[1]), az_(p[2]) {
+    const giUnitVec3 u(p[3], p[4], p[5]);
+    ux = u.x();
+    uy = u.y();
+    uz = u.z();
+    sx_ = std::sqrt(std::fmax(0.0, 1.0 - ux * ux));
+    sy_ = std::sqrt(std::fmax(0.0, 1.0 - uy * uy));
+    sz_ = std::sqrt(std::fmax(0.0, 1.0 - uz * uz));
+  }
+  void locate(giPoint3 const& q, AxialPoint& a) const {
+    a.dx = q.x() - ax_;
+    a.dy = q.y() - ay_;
+    a.dz = q.z() - az_;
+    a.F = a.dx * ux + a.dy * uy + a.dz * uz;
+    const double cx = uy * a.dz - uz * a.dy, cy = uz * a.dx - ux * a.dz, cz = ux * a.dy - uy * a.dx;
+    a.G = std::sqrt(cx * cx + cy * cy + cz * cz);
+  }
+  void gradient(AxialPoint& a) const {
+    if (a.G > 1e-7) {
+      a.g0 = (ux * a.F - a.dx) / a.G;
+      a.g1 = (uy * a.F - a.dy) / a.G;
+      a.g2 = (uz * a.F - a.dz) / a.G;
+    } else {  // on the axis: the frame's substitute gradient
+      a.g0 = sx_;
+      a.g1 = sy_;
+      a.g2 = sz_;
+    }
+  }
+  double ux, uy, uz;
+
+ private:
+  double ax_, ay_, az_, sx_, sy_, sz_;
+};
+
 }  // namespace gfit::detail

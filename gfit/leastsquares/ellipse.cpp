@@ -33,7 +33,7 @@ double frame_distance(double a, double b, double u, double v, Foot& foot) {
   if (a2 == 0.0 || b2 == 0.0) {  // a flat ellipse is a segment along the other axis
     foot.x = a2 == 0.0 ? 0.0 : std::clamp(u, -a, a);
     foot.y = b2 == 0.0 ? 0.0 : std::clamp(v, -b, b);
-    return sign * std::hypot(foot.x - u, foot.y - v);
+    return sign * std::sqrt((foot.x - u) * (foot.x - u) + (foot.y - v) * (foot.y - v));
   }
   if (std::fabs(u) > 1e-10 && std::fabs(v) > 1e-10) {
     // The multiplier t of the foot point is the root beyond the pole -min(a^2, b^2) of
@@ -46,11 +46,11 @@ double frame_distance(double a, double b, double u, double v, Foot& foot) {
     double t = std::max(au - a2, bv - b2);
     const double resolution = 2.0 * DBL_EPSILON * std::max(a2, b2);
     for (int step = 0; step < 64; ++step) {
-      const double ta = t + a2, tb = t + b2;
-      const double p = au / ta, q = bv / tb;
+      const double ia = 1.0 / (t + a2), ib = 1.0 / (t + b2);
+      const double p = au * ia, q = bv * ib;
       const double G = p * p + q * q - 1.0;
       if (!(G > 0.0)) break;  // at the root (or rounding has crossed it)
-      const double dG = -2.0 * (p * p / ta + q * q / tb);
+      const double dG = -2.0 * (p * p * ia + q * q * ib);
       foot.derivative = dG;
       const double increase = -G / dG;
       if (!(increase > resolution)) break;  // converged to rounding
@@ -59,7 +59,7 @@ double frame_distance(double a, double b, double u, double v, Foot& foot) {
     foot.t = t;
     foot.x = a2 * u / (t + a2);
     foot.y = b2 * v / (t + b2);
-    return sign * std::hypot(foot.x - u, foot.y - v);
+    return sign * std::sqrt((foot.x - u) * (foot.x - u) + (foot.y - v) * (foot.y - v));
   }
   if (std::fabs(u) > 1e-10) {  // on the a-axis line
     if (a > b && std::fabs(u) < a - b2 / a) {
@@ -124,15 +124,15 @@ void gfLeastSquareEllipse::get_distance(double& d, int i) const {
   derivative_ = foot.derivative;
 }
 
-void gfLeastSquareEllipse::get_distance_and_gradient(double& d, mlVector& g, int i) const {
-  get_distance(d, i);
-  mlVector const& p = parameters();
+namespace {
+// The gradient of the signed distance with respect to (a, b, cx, cy, theta) at the foot point
+// (x, y) of the frame: -n . df/dq, n the outward unit normal there and f the foot point moved
+// by the parameter q with its curve parameter held.
+void distance_gradient(mlVector const& p, double c, double s, double x, double y, double* g, int stride) {
   const double A = std::fabs(p[0]), B = std::fabs(p[1]);
-  const double c = std::cos(p[4]), s = std::sin(p[4]);
-  const double x = foot_x_, y = foot_y_;
-  // The outward normal at the foot point, (x / A^2, y / B^2) multiplied through by A^2 B^2.
+  // The outward normal, (x / A^2, y / B^2) multiplied through by A^2 B^2.
   double nx = x * B * B, ny = y * A * A;
-  double len = std::hypot(nx, ny);
+  const double len = std::sqrt(nx * nx + ny * ny);
   if (len > 0.0) {
     nx /= len;
     ny /= len;
@@ -140,17 +140,24 @@ void gfLeastSquareEllipse::get_distance_and_gradient(double& d, mlVector& g, int
     nx = 1.0;
     ny = 0.0;
   }
-  // d(distance)/dq = -n . df/dq with the foot point's curve parameter held.
   const double da = A > 0.0 ? -nx * x / A : 0.0;
   const double db = B > 0.0 ? -ny * y / B : 0.0;
   g[0] = p[0] < 0.0 ? -da : da;
-  g[1] = p[1] < 0.0 ? -db : db;
-  g[2] = -(nx * c - ny * s);  // minus the world normal
-  g[3] = -(nx * s + ny * c);
-  g[4] = nx * y - ny * x;
+  g[stride] = p[1] < 0.0 ? -db : db;
+  g[2 * stride] = -(nx * c - ny * s);  // minus the world normal
+  g[3 * stride] = -(nx * s + ny * c);
+  g[4 * stride] = nx * y - ny * x;
+}
+}  // namespace
+
+void gfLeastSquareEllipse::get_distance_and_gradient(double& d, mlVector& g, int i) const {
+  get_distance(d, i);
+  mlVector const& p = parameters();
+  distance_gradient(p, std::cos(p[4]), std::sin(p[4]), foot_x_, foot_y_, g.data(), 1);
 }
 
-void gfLeastSquareEllipse::evaluate_distances(int first, int count, double* distances, double* squares) const {
+void gfLeastSquareEllipse::evaluate_block(int first, int count, double* distances, double* squares,
+                                          double* jacobian, int ld) const {
   // The frame's cosine and sine once for the block, not per point.
   mlVector const& p = parameters();
   const double A = std::fabs(p[0]), B = std::fabs(p[1]), c = std::cos(p[4]), s = std::sin(p[4]);
@@ -162,9 +169,14 @@ void gfLeastSquareEllipse::evaluate_distances(int first, int count, double* dist
     const double d = frame_distance(A, B, u, v, foot);
     distances[k] = d;
     squares[k] = d * d;
+    if (jacobian) distance_gradient(p, c, s, foot.x, foot.y, jacobian + k, ld);
   }
   foot_x_ = foot.x;
   foot_y_ = foot.y;
+}
+
+void gfLeastSquareEllipse::evaluate_distances(int first, int count, double* distances, double* squares) const {
+  evaluate_block(first, count, distances, squares, nullptr, 0);
 }
 
 void gfLeastSquareEllipse::parameter_scales(mlVector& s) const {

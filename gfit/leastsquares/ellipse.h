@@ -32,7 +32,9 @@ class GFIT_EXPORT gfLeastSquareEllipse : public gfLeastSquareDistance2 {
   void parameter_scales(mlVector& s) const override;
   ~gfLeastSquareEllipse() override;
 
-  // The distances of a block of points, the frame's trigonometry computed once.
+  // The distances (and gradients) of a block of points, the frame's trigonometry once.
+  void evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
+                      int ld) const override;
   void evaluate_distances(int first, int count, double* distances, double* squares) const override;
 
   // The foot point of the last distance evaluation, in the ellipse's own frame. The state

@@ -19,6 +19,8 @@
 
 class gfFittedCylinder;
 using gfFittedCylindercoDynArr = coDynArr<gfFittedCylinder>;
+class gfFittedCone;
+using gfFittedConecoDynArr = coDynArr<gfFittedCone>;
 
 class GFIT_EXPORT gfLeastSquareEvaluator {
  public:
@@ -123,5 +125,50 @@ class GFIT_EXPORT gfLeastSquareEvaluator {
   // `direction`, one fit from (point, direction); otherwise the multi-start search.
   static int evaluate_axis_rev(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals, giPoint3& point,
                                giUnitVec3& direction, double& residual);
+
+  // The cone (see gfCalculateLeastSquareCone in leastsquares/cone.h): at least 6 points, which
+  // the computation checks. Outputs: the apex, the unit axis pointing towards the apex, the
+  // half-angle in radians and the RMS residual; previous values when k asks for refinement.
+  // Whenever the computation returns 0, the axis's x is set to -DBL_MAX as a failure mark.
+  // With a guess axis (unset: none) and its angle:
+  static int evaluate_cone(giPoint3coDynArr const& points, giPoint3& apex, giUnitVec3& axis, double& half_angle,
+                           double& residual, giUnitVec3 const& guess, giAngle const& angle, int k);
+  // With surface normals (one per point) that the cone's normals must agree with:
+  static int evaluate_cone(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals, giAngle const& angle,
+                           giPoint3& apex, giUnitVec3& axis, double& half_angle, double& residual, int k);
+  // Several distinct cones in one point set (gfCalculateMultipleLeastSquareCones).
+  static int evaluate_multiple_cones(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
+                                     double tolerance, giAngle const& angle, int count, gfFittedConecoDynArr& results);
+  // The cone fits' process-wide non-physical tolerance (gfSetLeastSquareConeNonPhysicalTolerance):
+  // stores the new value and returns the previous one.
+  static double set_cone_non_physical_tolerance(double tolerance);
+
+  // Probe-compensated cylinders and cones (leastsquares/probed_cylinder_cone.h): the plain
+  // element fitted to the ball centres with the arguments of evaluate_cylinder or
+  // evaluate_cone, its radius (offset) shifted by the mean compensation, then one fit of the
+  // compensated problem. `radii` holds a ball radius per point; `inside` non-zero when the
+  // centres lie inside the surface. A non-positive radius, or a cone whose apex runs to
+  // infinity, is a failure, marked in the direction's x as for the plain fits. At least 4
+  // points (the cone's computation needs 6). With refinement (k), the previous element is
+  // the compensated one.
+  static int evaluate_probed_cylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside,
+                                      giPoint3& point, giUnitVec3& direction, double& radius, double& residual,
+                                      giUnitVec3 const& guess, giAngle const& angle, int k);
+  static int evaluate_probed_cylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside,
+                                      giUnitVec3coDynArr const& normals, giAngle const& angle, giPoint3& point,
+                                      giUnitVec3& direction, double& radius, double& residual, int k);
+  // `contacts`: optional estimates of the touched points, one per ball centre (ignored when
+  // empty or of another count). When given, the plain cone is fitted to them and each
+  // point's side is read from them: a centre outside the contacts' cone is compensated as
+  // touched from outside, one inside as touched from within (`inside` then only decides
+  // for a centre that coincides with its contact).
+  static int evaluate_probed_cone(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside,
+                                  giPoint3coDynArr const& contacts, giPoint3& apex, giUnitVec3& axis,
+                                  double& half_angle, double& residual, giUnitVec3 const& guess, giAngle const& angle,
+                                  int k);
+  static int evaluate_probed_cone(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside,
+                                  giPoint3coDynArr const& contacts, giUnitVec3coDynArr const& normals,
+                                  giAngle const& angle, giPoint3& apex, giUnitVec3& axis, double& half_angle,
+                                  double& residual, int k);
 };
 

@@ -7,7 +7,10 @@
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/random.h"
 
-namespace {
+using gfit::detail::radii_usable;
+using gfit::detail::signed_radii;
+
+namespace gfit::detail {
 doublecoDynArr signed_radii(doublecoDynArr const& radii, int n, int inside) {
   doublecoDynArr rho(n, 16);
   for (int i = 0; i < n; ++i) rho.append(inside ? radii[i] : -radii[i]);
@@ -20,7 +23,7 @@ bool radii_usable(doublecoDynArr const& radii, int n) {
     if (!std::isfinite(radii[i])) return false;
   return true;
 }
-}  // namespace
+}  // namespace gfit::detail
 
 // ---- circle -----------------------------------------------------------------------------
 

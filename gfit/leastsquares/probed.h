@@ -87,3 +87,10 @@ class GFIT_EXPORT gfLeastSquareProbedEllipse : public gfLeastSquareEllipse {
   void get_distance_and_closest_point(double& distance, giPoint2& closest, giVector2& normal, int i) const;
   ~gfLeastSquareProbedEllipse() override;
 };
+
+namespace gfit::detail {
+// The signed compensations of the first n radii: +r with the inside flag, -r without.
+GFIT_EXPORT doublecoDynArr signed_radii(doublecoDynArr const& radii, int n, int inside);
+// At least n radii, the first n finite.
+GFIT_EXPORT bool radii_usable(doublecoDynArr const& radii, int n);
+}  // namespace gfit::detail

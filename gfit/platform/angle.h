@@ -10,6 +10,9 @@
 
 #include "gfit/platform/point.h"
 
+// pi, spelled out: M_PI is not part of standard C++ (MSVC hides it).
+constexpr double giPi = 3.141592653589793;
+
 struct giAngleCosine {};
 
 class giAngle {
@@ -21,11 +24,11 @@ class giAngle {
     cos_ = c < -1.0 ? -1.0 : (c > 1.0 ? 1.0 : c);
     radians_ = std::acos(cos_);
   }
-  static giAngle from_degrees(double degrees) { return giAngle(degrees * (M_PI / 180.0)); }
+  static giAngle from_degrees(double degrees) { return giAngle(degrees * (giPi / 180.0)); }
 
   double radians() const { return radians_; }
   double value() const { return radians_; }
-  double degrees() const { return radians_ * (180.0 / M_PI); }
+  double degrees() const { return radians_ * (180.0 / giPi); }
   double cos() const { return cos_; }
   double sin() const { return std::sin(radians_); }
   double tan() const { return std::tan(radians_); }

@@ -359,7 +359,7 @@ bool mapped_face(TopoDS_Face const& base_face, giXform3 const& x, giXform3 const
     double k = W.length();
     double margin = 1e-9 * (1.0 + std::fabs(vmin) + std::fabs(vmax));
     f.umin = 0.0;
-    f.umax = 2.0 * M_PI;
+    f.umax = 2.0 * giPi;
     f.vmin = k * vmin - margin;
     f.vmax = k * vmax + margin;
     mapped_box(f, base_face, x);

@@ -147,4 +147,21 @@ double line_angle(giVector2 const& a, giVector2 const& b) {
   return std::atan2(std::fabs(a.cross(b)), std::fabs(a.dot(b)));
 }
 
+giPoint3coDynArr sample_cone(Rng& rng, giPoint3 const& apex, giUnitVec3 const& axis, double half_angle, double near,
+                             double far, double start, double span, int n, double noise, giUnitVec3coDynArr* normals) {
+  giUnitVec3 e1 = axis.any_normal();
+  giUnitVec3 e2 = axis.cross(e1).unit();
+  const double s = std::sin(half_angle), c = std::cos(half_angle);
+  giPoint3coDynArr out(n, 16);
+  if (normals) normals->clear(0);
+  for (int i = 0; i < n; ++i) {
+    double t = start + span * rng.uniform(), h = rng.uniform(near, far);
+    giVector3 radial = e1 * std::cos(t) + e2 * std::sin(t);
+    giVector3 normal = axis * s + radial * c;
+    out.append(apex - axis * h + radial * (h * std::tan(half_angle)) + normal * (noise * rng.normal()));
+    if (normals) normals->append(normal.unit());
+  }
+  return out;
+}
+
 }  // namespace gfit::testing

@@ -70,4 +70,13 @@ giPoint2coDynArr sample_ellipse2(Rng* rng, giPoint2 const& centre, double a, dou
 double line_angle(giVector3 const& a, giVector3 const& b);
 double line_angle(giVector2 const& a, giVector2 const& b);
 
+// n points on a cone with apex `apex`, unit axis `axis` pointing from the opening towards
+// the apex and half-angle `half_angle`: distances along the axis from the apex uniform in
+// [near, far] (positive: on the opening side), angles in [start, start + span] about the axis
+// from axis.any_normal(), noise along the surface normal. `normals`, when given, receives
+// the outward surface normals sin(theta) axis + cos(theta) radial.
+giPoint3coDynArr sample_cone(Rng& rng, giPoint3 const& apex, giUnitVec3 const& axis, double half_angle, double near,
+                             double far, double start, double span, int n, double noise,
+                             giUnitVec3coDynArr* normals = nullptr);
+
 }  // namespace gfit::testing

@@ -1,0 +1,554 @@
+// The cone search: start vectors, the full computation, several cones, the evaluator entries.
+#include <Eigen/Dense>
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include "gfit/leastsquares/axis_candidates.h"
+#include "gfit/leastsquares/axis_search.h"
+#include "gfit/leastsquares/cone.h"
+#include "gfit/leastsquares/cylinder.h"
+#include "gfit/leastsquares/evaluator.h"
+#include "gfit/platform/eigen_solvers.h"
+#include "gfit/platform/levenberg_marquardt.h"
+#include "gfit/platform/parallel.h"
+#include "gfit/platform/sort.h"
+#include "gfit/utilities/direction_sampling.h"
+
+using gfit::detail::CentredPoints;
+
+namespace {
+constexpr double kPi = 3.141592653589793;
+
+// Every cone fit runs the solver strict, with room for the slow approach of near-cylinders.
+void configure(mlLevenbergMarquardt& lm) {
+  lm.set_max_iterations(10000);
+  lm.set_strict(true);
+}
+
+// The linear start along a direction, in the frame (e1, e2, w) about the centroid: the axis
+// through centroid + a e1 + b e2, offset d, half-angle theta (negative: the cone opens
+// towards +w), and the sum of squared cone distances of the points from it.
+struct LinearCone {
+  double a = 0.0, b = 0.0, d = 0.0, theta = 0.0;
+  double sum_of_squares = 0.0;
+};
+
+// Solves the generalised Kasa equations x^2 + y^2 = 2 a x + 2 b y + c + e h + f h^2 in the
+// least-squares sense. Coordinates are divided by `scale` (the points' RMS distance from
+// their centroid) so that the normal equations stay well conditioned. False when the
+// points do not determine the five coefficients (all at one height, for instance) or give
+// no real radius.
+bool linear_cone(CentredPoints const& points, double scale, giUnitVec3 const& w, LinearCone& out) {
+  const int n = points.count();
+  if (n < 5 || w.invalid() || !(scale > 0.0)) return false;
+  const giUnitVec3 e1 = w.any_normal();
+  const giUnitVec3 e2(w.cross(e1));
+  const double inv = 1.0 / scale;
+  const double ax = e1.x() * inv, ay = e1.y() * inv, az = e1.z() * inv;
+  const double bx = e2.x() * inv, by = e2.y() * inv, bz = e2.z() * inv;
+  const double wx = w.x() * inv, wy = w.y() * inv, wz = w.z() * inv;
+  double const* q = points.xyz();
+  Eigen::Matrix<double, 5, 5> m = Eigen::Matrix<double, 5, 5>::Zero();
+  Eigen::Matrix<double, 5, 1> v = Eigen::Matrix<double, 5, 1>::Zero(), row;
+  for (int i = 0; i < n; ++i) {
+    const double px = q[3 * i], py = q[3 * i + 1], pz = q[3 * i + 2];
+    const double x = ax * px + ay * py + az * pz, y = bx * px + by * py + bz * pz, h = wx * px + wy * py + wz * pz;
+    row << 2.0 * x, 2.0 * y, 1.0, h, h * h;
+    m.noalias() += row * row.transpose();
+    v.noalias() += row * (x * x + y * y);
+  }
+  Eigen::FullPivLU<Eigen::Matrix<double, 5, 5>> lu(m);
+  if (lu.rank() < 5) return false;
+  const Eigen::Matrix<double, 5, 1> s = lu.solve(v);
+  const double a = s[0], b = s[1];
+  const double r0_squared = s[2] + a * a + b * b;
+  if (!(r0_squared > 0.0) || !std::isfinite(r0_squared) || !std::isfinite(s[3])) return false;
+  const double r0 = std::sqrt(r0_squared);
+  // The radius grows by e / (2 r0) per unit height along w; the cone's own axis points to
+  // where it shrinks.
+  const double theta = std::atan(-s[3] / (2.0 * r0));
+  const double sin_t = std::sin(theta), cos_t = std::cos(theta), d = r0 * cos_t;
+  double sum = 0.0;
+  for (int i = 0; i < n; ++i) {
+    const double px = q[3 * i], py = q[3 * i + 1], pz = q[3 * i + 2];
+    const double x = ax * px + ay * py + az * pz - a, y = bx * px + by * py + bz * pz - b;
+    const double h = wx * px + wy * py + wz * pz;
+    const double e = h * sin_t + std::sqrt(x * x + y * y) * cos_t - d;
+    sum += e * e;
+  }
+  if (!std::isfinite(sum)) return false;
+  out.a = a * scale;
+  out.b = b * scale;
+  out.d = d * scale;
+  out.theta = theta;
+  out.sum_of_squares = sum * scale * scale;
+  return true;
+}
+
+// The full cone's parameters of a linear start along w.
+void linear_to_cone(CentredPoints const& points, giUnitVec3 const& w, LinearCone const& c, mlVector& p) {
+  const giUnitVec3 e1 = w.any_normal();
+  const giUnitVec3 e2(w.cross(e1));
+  const giPoint3 A = points.centroid() + e1 * c.a + e2 * c.b;
+  p.resize(8);
+  p[0] = A.x();
+  p[1] = A.y();
+  p[2] = A.z();
+  p[3] = w.x();
+  p[4] = w.y();
+  p[5] = w.z();
+  p[6] = c.d;
+  p[7] = c.theta;
+}
+
+double rms_distance_from(CentredPoints const& points) {
+  double sum = 0.0;
+  double const* q = points.xyz();
+  for (int i = 0; i < 3 * points.count(); ++i) sum += q[i] * q[i];
+  return points.count() > 0 ? std::sqrt(sum / points.count()) : 0.0;
+}
+}  // namespace
+
+// ---- start vectors ----------------------------------------------------------------------
+
+struct gfConeGuessGenerator::Frame {
+  explicit Frame(giPoint3coDynArr const& points) : centred(points), scale(rms_distance_from(centred)) {}
+  CentredPoints centred;
+  double scale;
+};
+
+gfConeGuessGenerator::gfConeGuessGenerator(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals)
+    : points_(points), normals_(normals), problem_(points), frame_(std::make_unique<Frame>(points)) {}
+gfConeGuessGenerator::~gfConeGuessGenerator() = default;
+
+giPoint3 const& gfConeGuessGenerator::centroid() const { return frame_->centred.centroid(); }
+CentredPoints const& gfConeGuessGenerator::centred_points() const { return frame_->centred; }
+double gfConeGuessGenerator::scale() const { return frame_->scale; }
+
+double gfConeGuessGenerator::deviation(mlVector& parameters) {
+  if (parameters.size() < 8) parameters.resize(8);
+  problem_.normalize_parameters(parameters);
+  problem_.set_parameters(parameters);
+  return problem_.n_points() == 0 ? 0.0 : problem_.sum_of_squares();
+}
+
+double gfConeGuessGenerator::checked_deviation(mlVector& parameters) {
+  for (int k = 0; k < 8; ++k)
+    if (!std::isfinite(parameters[k])) return DBL_MAX;
+  const double value = deviation(parameters);
+  return std::isfinite(value) ? value : DBL_MAX;
+}
+
+giUnitVec3 const& gfConeGuessGenerator::preliminary_axis() {
+  if (preliminary_.invalid()) {
+    // A rough direction is all it has to be: dense scans are thinned to 1000 points spread
+    // evenly through the array, which keeps the ring walk cheap.
+    constexpr int kThinned = 1000;
+    const int n = points_.count();
+    giPoint3coDynArr thinned(std::min(n, kThinned), 16);
+    if (n > kThinned)
+      for (int i = 0; i < kThinned; ++i) thinned.append(points_[static_cast<int>(static_cast<long long>(i) * n / kThinned)]);
+    giVector3 v;
+    gfCylinder_InitialSolution(n > kThinned ? thinned : points_, v);
+    preliminary_ = giUnitVec3(v);
+    if (preliminary_.invalid()) preliminary_ = giUnitVec3(0.0, 0.0, 1.0);
+  }
+  return preliminary_;
+}
+
+void gfConeGuessGenerator::principal_axes(giUnitVec3 axes[3]) const {
+  mlMatrix scatter(3, 3);
+  double const* q = frame_->centred.xyz();
+  for (int i = 0; i < frame_->centred.count(); ++i)
+    for (int r = 0; r < 3; ++r)
+      for (int c = 0; c <= r; ++c) scatter(r, c) += q[3 * i + r] * q[3 * i + c];
+  mlSymEigenVecs eigen(scatter);
+  for (int k = 0; k < 3; ++k) {
+    mlVector e = eigen.eigenvector(k);
+    axes[k] = giUnitVec3(e[0], e[1], e[2]);
+  }
+}
+
+double gfConeGuessGenerator::get_guess_linear(giUnitVec3 const& direction, mlVector& parameters) {
+  LinearCone c;
+  if (!linear_cone(frame_->centred, frame_->scale, direction, c)) return DBL_MAX;
+  linear_to_cone(frame_->centred, direction, c, parameters);
+  return checked_deviation(parameters);
+}
+
+double gfConeGuessGenerator::fixed_axis_fit(giUnitVec3 const& w, mlVector const& start, mlVector& parameters) {
+  gfLeastSquareConeFixedAxis problem(points_, centroid(), w);
+  mlLevenbergMarquardt lm(problem);
+  configure(lm);
+  mlVector result(4);
+  if (!std::isfinite(lm.fit(start, result))) return DBL_MAX;
+  problem.to_cone(result, parameters);
+  return checked_deviation(parameters);
+}
+
+double gfConeGuessGenerator::get_guess_fixed_axis_fit(giUnitVec3 const& direction, mlVector& parameters) {
+  LinearCone c;
+  if (!linear_cone(frame_->centred, frame_->scale, direction, c)) return DBL_MAX;
+  return fixed_axis_fit(direction, mlVector{c.a, c.b, c.d, c.theta}, parameters);
+}
+
+double gfConeGuessGenerator::get_guess_flat(mlVector& parameters, int way) {
+  giPoint3 point;
+  giUnitVec3 normal;
+  double rms = 0.0;
+  if (!gfLeastSquareEvaluator::evaluate_plane(points_, point, normal, rms) || normal.invalid()) return DBL_MAX;
+  // A steep cone about the plane's normal through the centroid, its apex on the side of
+  // `way`; the offset that fits the points best for that cone, then the fit with the axis
+  // direction fixed.
+  const giUnitVec3 w = way > 0 ? normal : -normal;
+  const double theta = kPi / 2 - 0.1;
+  gfLeastSquareConeFixedAxis steep(points_, centroid(), w);
+  steep.set_parameters(mlVector{0.0, 0.0, 0.0, theta});
+  const double offset = steep.sum_of_distances() / steep.n_points();
+  return fixed_axis_fit(w, mlVector{0.0, 0.0, offset, theta}, parameters);
+}
+
+double gfConeGuessGenerator::get_guess_from_normals(mlVector& parameters) {
+  const int n = points_.count();
+  if (n < 3 || normals_.count() != n) return DBL_MAX;
+  // The normals' tips lie on the circle {x . u = sin(theta)} (or -sin(theta) for inward
+  // normals): the plane through them gives the axis direction.
+  giPoint3coDynArr tips(n, 16);
+  for (giUnitVec3 const& v : normals_) tips.append(giPoint3(v.x(), v.y(), v.z()));
+  giPoint3 tip_point;
+  giUnitVec3 u;
+  double rms = 0.0;
+  if (!gfLeastSquareEvaluator::evaluate_plane(tips, tip_point, u, rms) || u.invalid()) return DBL_MAX;
+  // Every normal line meets the axis: (Q - A) . (n x u) = 0, linear in the axis point A =
+  // c + a e1 + b e2, each row divided by |n x u| to make it a distance.
+  const giPoint3& c = centroid();
+  const giUnitVec3 e1 = u.any_normal();
+  const giUnitVec3 e2(u.cross(e1));
+  double m00 = 0.0, m01 = 0.0, m11 = 0.0, v0 = 0.0, v1 = 0.0;
+  for (int i = 0; i < n; ++i) {
+    const giVector3 w = normals_[i].cross(u);
+    const double s = w.length();
+    if (s <= 1e-7) continue;
+    const double r0 = e1.dot(w) / s, r1 = e2.dot(w) / s, rhs = (points_[i] - c).dot(w) / s;
+    m00 += r0 * r0;
+    m01 += r0 * r1;
+    m11 += r1 * r1;
+    v0 += r0 * rhs;
+    v1 += r1 * rhs;
+  }
+  const double det = m00 * m11 - m01 * m01;
+  if (!(det > 1e-12 * (m00 + m11) * (m00 + m11))) return DBL_MAX;
+  const double a = (v0 * m11 - v1 * m01) / det, b = (m00 * v1 - m01 * v0) / det;
+  const giPoint3 A = c + e1 * a + e2 * b;
+  // The generator: a line in the (height, radius) half-plane, whose unit normal is
+  // (sin(theta), cos(theta)) and whose offset is d.
+  giPoint2coDynArr profile(n, 16);
+  for (giPoint3 const& q : points_) {
+    const giVector3 r = q - A;
+    const double h = u.dot(r);
+    profile.append(giPoint2(h, (r - u * h).length()));
+  }
+  giPoint2 on_line;
+  giUnitVec2 along;
+  if (!gfLeastSquareEvaluator::evaluate_line(profile, on_line, along, rms)) return DBL_MAX;
+  giVector2 nu(-along.y(), along.x());
+  if (nu.y() < 0.0) nu = -nu;
+  parameters = mlVector{A.x(), A.y(), A.z(), u.x(), u.y(), u.z(), nu.x() * on_line.x() + nu.y() * on_line.y(),
+                        std::atan2(nu.x(), nu.y())};
+  return checked_deviation(parameters);
+}
+
+double gfConeGuessGenerator::get_guess_two_circles(mlVector& parameters) {
+  const int n = points_.count();
+  if (n < 6) return DBL_MAX;
+  const giUnitVec3 w = preliminary_axis();
+  const giPoint3& c = centroid();
+  std::vector<double> heights(n);
+  for (int i = 0; i < n; ++i) heights[i] = w.dot(points_[i] - c);
+  intcoDynArr order;
+  doublecoQuickSortIndex(heights.data(), n, order);
+  const double span = heights[order[n - 1]] - heights[order[0]];
+  if (!(span > 0.0)) return DBL_MAX;
+  int split = n / 2;
+  double widest = -1.0;
+  for (int k = 3; k <= n - 3; ++k) {
+    const double gap = heights[order[k]] - heights[order[k - 1]];
+    if (gap > widest) {
+      widest = gap;
+      if (gap >= 0.1 * span) split = k;
+    }
+  }
+  // Keep the widest gap only if it stands out; otherwise the median.
+  if (!(widest >= 0.1 * span)) split = n / 2;
+  giPoint3coDynArr lower(split, 16), upper(n - split, 16);
+  for (int k = 0; k < n; ++k) (k < split ? lower : upper).append(points_[order[k]]);
+  giPoint3 c1, c2;
+  giUnitVec3 n1, n2;
+  double r1 = 0.0, r2 = 0.0, rms = 0.0;
+  if (!gfLeastSquareEvaluator::evaluate_circle3(lower, c1, n1, r1, rms) ||
+      !gfLeastSquareEvaluator::evaluate_circle3(upper, c2, n2, r2, rms))
+    return DBL_MAX;
+  if (n1.invalid() || n2.invalid() || !(std::fabs(r1 - r2) > 1e-9 * (std::fabs(r1) + std::fabs(r2))))
+    return DBL_MAX;  // a cylinder, or no circles
+  const giUnitVec3 u(giVector3(n1) + (n1.dot(n2) < 0.0 ? -giVector3(n2) : giVector3(n2)));
+  if (u.invalid()) return DBL_MAX;
+  // The axis through the first centre: radius r1 at height 0, r2 at height h2.
+  const double h2 = u.dot(c2 - c1);
+  const double theta = std::atan2(std::fabs(r1) - std::fabs(r2), h2);
+  parameters = mlVector{c1.x(), c1.y(), c1.z(), u.x(), u.y(), u.z(), std::fabs(r1) * std::cos(theta), theta};
+  return checked_deviation(parameters);
+}
+
+// ---- the full computation ---------------------------------------------------------------
+
+namespace {
+
+// The search's running state: the candidates and the solver.
+//
+// Three rules keep the search from spending itself on hopeless starts. A start is refined
+// only while its deviation is within kPromising times the sum of squares of the cone chosen
+// so far: from much worse starts the strict solver tends to crawl, for its full 10000
+// iterations, towards a plane or a cylinder (the apex leaving for infinity). Once two
+// refinements have crawled like that, no more are made: the points then have no cone at a
+// finite distance to settle on (a plane, a line) or none that more starts would find. And
+// sums of squares at the rounding level of the coordinates (RMS 1e-12 of the range) are
+// filed as equal, so that among exact interpolations (six points admit several cones) a
+// physical one is chosen: while the chosen cone is exact but not physical every start is
+// refined, and the search stops once it has an exact cone that is physical and accepted.
+class ConeSearch {
+ public:
+  static constexpr double kPromising = 100.0;
+  static constexpr int kCrawls = 2;
+
+  ConeSearch(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals, giUnitVec3 const& guess,
+             giAngle const& angle, double tolerance)
+      : points_(points), problem_(points), lm_(problem_), range_(problem_.range()), tolerance_(tolerance),
+        floor_(points.count() * (1e-12 * range_) * (1e-12 * range_)),
+        results_(utObserverPtr<giPoint3coDynArr const>(&points), utObserverPtr<giUnitVec3coDynArr const>(&normals),
+                 guess.invalid() ? giVector3() : giVector3(guess), angle, range_, tolerance) {
+    configure(lm_);
+  }
+
+  bool promising(double deviation) const {
+    if (!(deviation < DBL_MAX) || crawls_ >= kCrawls) return false;
+    mlVector chosen(8);
+    double value = DBL_MAX;
+    results_.get_best(value, chosen);
+    const double phi = std::fabs(chosen[7]);
+    const bool physical = tolerance_ < phi && phi < kPi / 2 - tolerance_;
+    return value == DBL_MAX || (value <= floor_ && !physical) || deviation <= kPromising * value;
+  }
+
+  // Refines a promising start and files the result.
+  void refine(double deviation, mlVector const& start) {
+    if (!promising(deviation)) return;
+    const double value = lm_.fit(start, result_) * points_.count();
+    if (lm_.termination() == mlLevenbergMarquardt::iteration_limit) ++crawls_;
+    if (!std::isfinite(value)) return;
+    const double filed = std::max(value, floor_);
+    results_.add(filed, result_);
+    smallest_ = std::min(smallest_, filed);
+  }
+
+  bool exact() const { return results_.constrained_deviation() <= floor_; }
+  // The smallest sum of squares filed, whatever its slot: the measure of progress.
+  double smallest() const { return smallest_; }
+
+  // The chosen cone and its mean squared distance; false when there is none.
+  bool best(mlVector& parameters, double& mean_square) {
+    double value = DBL_MAX;
+    results_.get_best(value, parameters);
+    if (!(value < DBL_MAX)) return false;
+    problem_.set_parameters(parameters);
+    mean_square = problem_.sum_of_squares() / points_.count();
+    return true;
+  }
+
+ private:
+  giPoint3coDynArr const& points_;
+  gfLeastSquareCone problem_;
+  mlLevenbergMarquardt lm_;
+  double range_;
+  double tolerance_;
+  double floor_;  // the sum of squares of an exact fit
+  gfLeastSquareConeResults results_;
+  mlVector result_ = mlVector(8);
+  double smallest_ = DBL_MAX;
+  int crawls_ = 0;  // refinements that ran to the iteration limit
+};
+
+// The deterministic starts, in this order: from the normals (one per point), two circles,
+// the fixed-axis fits along the cylinder's initial axis and the caller's guess, the flat
+// cones both ways, the fixed-axis fits along the principal axes and the seven guess
+// directions. They are refined from the smallest deviation up (ties in this order), so
+// that the best of them sets the bar for the others.
+void deterministic_starts(ConeSearch& search, gfConeGuessGenerator& generator, giUnitVec3coDynArr const& normals,
+                          giUnitVec3 const& guess, int n) {
+  struct Start {
+    double deviation;
+    mlVector parameters;
+  };
+  std::vector<Start> starts;
+  auto keep = [&](double deviation, mlVector const& parameters) {
+    if (deviation < DBL_MAX) starts.push_back({deviation, parameters});
+  };
+  mlVector p(8);
+  if (normals.count() == n) keep(generator.get_guess_from_normals(p), p);
+  keep(generator.get_guess_two_circles(p), p);
+  keep(generator.get_guess_fixed_axis_fit(generator.preliminary_axis(), p), p);
+  if (!guess.invalid()) keep(generator.get_guess_fixed_axis_fit(guess, p), p);
+  keep(generator.get_guess_flat(p, 1), p);
+  keep(generator.get_guess_flat(p, -1), p);
+  giUnitVec3 principal[3];
+  generator.principal_axes(principal);
+  for (giUnitVec3 const& axis : principal) keep(generator.get_guess_fixed_axis_fit(axis, p), p);
+  for (int i = 0; i < gfLeastSquareDistance3::num_guess_directions(); ++i)
+    keep(generator.get_guess_fixed_axis_fit(gfLeastSquareDistance3::guess_direction(i), p), p);
+  std::stable_sort(starts.begin(), starts.end(),
+                   [](Start const& a, Start const& b) { return a.deviation < b.deviation; });
+  for (Start const& start : starts) {
+    if (search.exact()) return;
+    search.refine(start.deviation, start.parameters);
+  }
+}
+
+// Batches of 100 random directions of one hemisphere (one seed-1 sequence), inside the guide
+// cone when there is a guide; the best linear start of each batch is refined. Stops on an
+// exact fit, or once two batches in a row improved the smallest sum of squares by no more
+// than 1e-6 relatively.
+void random_batches(ConeSearch& search, gfConeGuessGenerator& generator, giUnitVec3 const& guess,
+                    giAngle const& angle) {
+  constexpr int kBatches = 8, kDirections = 100;
+  CentredPoints const& centred = generator.centred_points();
+  const double scale = generator.scale();
+  const int threads = gfit::detail::threads_for(kDirections, 60.0 * centred.count());
+  std::vector<giUnitVec3> directions(kDirections);
+  std::vector<char> used(kDirections), fitted(kDirections);
+  std::vector<LinearCone> cones(kDirections);
+  mlRandom random(1);
+  mlVector start(8);
+  int stale = 0;
+  for (int batch = 0; batch < kBatches && !search.exact() && stale < 2; ++batch) {
+    for (int j = 0; j < kDirections; ++j) {
+      directions[j] = gfit::detail::hemisphere_direction(random);
+      used[j] = guess.invalid() || std::fabs(guess.dot(directions[j])) >= angle.cos();
+    }
+    gfit::detail::parallel_for(kDirections, threads, [&](int j, int) {
+      fitted[j] = used[j] && linear_cone(centred, scale, directions[j], cones[j]);
+    });
+    int chosen = -1;
+    double least = DBL_MAX;
+    for (int j = 0; j < kDirections; ++j)  // the strictly smallest sum; the first index wins a tie
+      if (fitted[j] && cones[j].sum_of_squares < least) {
+        least = cones[j].sum_of_squares;
+        chosen = j;
+      }
+    const double before = search.smallest();
+    if (chosen >= 0) {
+      linear_to_cone(centred, directions[chosen], cones[chosen], start);
+      search.refine(least, start);
+    }
+    const double after = search.smallest();
+    const bool improved = after < before && (before == DBL_MAX || before - after > 1e-6 * before);
+    stale = improved ? 0 : stale + 1;
+  }
+}
+
+}  // namespace
+
+int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, giUnitVec3& axis, double& half_angle,
+                               double& residual, giUnitVec3 const& guess, giAngle const& angle,
+                               giUnitVec3coDynArr const& normals, int k) {
+  const int n = points.count();
+  if (n < 6 || !gfit::detail::valid_axis_search_input(points, guess, angle, normals)) return 0;
+  if (!(gfLeastSquareCone(points).range() > 0.0)) return 0;  // all points coincide
+  const double tolerance = gfLeastSquareConeNonPhysicalTolerance();
+
+  if (k != 0 && (k < 0 || k + 6 <= n)) {
+    const bool previous_usable = apex.finite() && !axis.invalid() && std::isfinite(axis.x()) &&
+                                 std::isfinite(axis.y()) && std::isfinite(axis.z()) && std::isfinite(half_angle) &&
+                                 std::fabs(std::sin(half_angle)) >= 1e-12;
+    if (previous_usable) {
+      gfLeastSquareCone problem(points);
+      mlLevenbergMarquardt lm(problem);
+      configure(lm);
+      mlVector previous{apex.x(), apex.y(), apex.z(), axis.x(), axis.y(), axis.z(), 0.0, half_angle}, result(8);
+      double value = 0.0;
+      if (gfit::detail::refine_grown_fit(problem, lm, problem.range(), previous, k, result, value) &&
+          gfit::detail::cone_outputs(result, value, apex, axis, half_angle, residual))
+        return 1;
+    }
+  }
+
+  ConeSearch search(points, normals, guess, angle, tolerance);
+  gfConeGuessGenerator generator(points, normals);
+  deterministic_starts(search, generator, normals, guess, n);
+  random_batches(search, generator, guess, angle);
+
+  mlVector best(8);
+  double mean_square = 0.0;
+  if (!search.best(best, mean_square)) return 0;
+  return gfit::detail::cone_outputs(best, mean_square, apex, axis, half_angle, residual) ? 1 : 0;
+}
+
+int gfCalculateMultipleLeastSquareCones(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
+                                        double tolerance, giAngle const& angle, int count,
+                                        gfFittedConecoDynArr& results) {
+  const int n = points.count();
+  if (n < 6 || !gfit::detail::all_finite(points) || !gfit::detail::all_valid(normals)) return 0;
+  const giAngle cone = giAngle::from_degrees(30.0), second_cone = giAngle::from_degrees(30.0);
+  gfRandDirGenMulti directions(1000.0, normals, cone, 0.9);
+  const giUnitVec3coDynArr no_normals;
+  gfConeGuessGenerator generator(points, no_normals);
+  gfLeastSquareCone problem(points);
+  mlLevenbergMarquardt lm(problem);
+  configure(lm);
+  mlVector start(8), second(8), result(8);
+  for (int attempt = 0; attempt < count * 150 && results.count() < count; ++attempt) {
+    const giUnitVec3 d = directions.direction();
+    const double e = generator.get_guess_linear(d, start);
+    if (!(e < DBL_MAX)) continue;
+    gfRandDirGenerator nearby(1.1, d, second_cone, 0.1);
+    if (generator.get_guess_linear(nearby.rand_vec_bias_region(), second) < e) start = second;
+    const double rms = std::sqrt(lm.fit(start, result));
+    giPoint3 apex;
+    giUnitVec3 axis;
+    double theta = 0.0, deviation = 0.0;
+    if (rms < tolerance && gfit::detail::cone_outputs(result, rms * rms, apex, axis, theta, deviation))
+      gfLeastSquareCone::add_distinct_result(gfFittedCone(apex, axis, giAngle(theta), deviation), tolerance, angle,
+                                             results);
+  }
+  return results.count();
+}
+
+// ---- evaluator entries ------------------------------------------------------------------
+
+int gfLeastSquareEvaluator::evaluate_cone(giPoint3coDynArr const& points, giPoint3& apex, giUnitVec3& axis,
+                                          double& half_angle, double& residual, giUnitVec3 const& guess,
+                                          giAngle const& angle, int k) {
+  const giUnitVec3coDynArr no_normals;
+  const int status = gfCalculateLeastSquareCone(points, apex, axis, half_angle, residual, guess, angle, no_normals, k);
+  if (status == 0) axis.set_invalid();
+  return status;
+}
+
+int gfLeastSquareEvaluator::evaluate_cone(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
+                                          giAngle const& angle, giPoint3& apex, giUnitVec3& axis, double& half_angle,
+                                          double& residual, int k) {
+  const int status =
+      gfCalculateLeastSquareCone(points, apex, axis, half_angle, residual, giUnitVec3(), angle, normals, k);
+  if (status == 0) axis.set_invalid();
+  return status;
+}
+
+int gfLeastSquareEvaluator::evaluate_multiple_cones(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
+                                                    double tolerance, giAngle const& angle, int count,
+                                                    gfFittedConecoDynArr& results) {
+  return gfCalculateMultipleLeastSquareCones(points, normals, tolerance, angle, count, results);
+}
+
+double gfLeastSquareEvaluator::set_cone_non_physical_tolerance(double tolerance) {
+  return gfSetLeastSquareConeNonPhysicalTolerance(tolerance);
+}

@@ -1,0 +1,200 @@
+#include "gfit/leastsquares/probed_cylinder_cone.h"
+
+#include <cmath>
+
+#include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/probed.h"
+#include "gfit/platform/levenberg_marquardt.h"
+
+using gfit::detail::radii_usable;
+using gfit::detail::signed_radii;
+
+// ---- cylinder ---------------------------------------------------------------------------
+
+gfLeastSquareProbedCylinder::gfLeastSquareProbedCylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii,
+                                                         int inside)
+    : gfLeastSquareCylinder(points), rho_(signed_radii(radii, points.count(), inside)) {}
+gfLeastSquareProbedCylinder::~gfLeastSquareProbedCylinder() = default;
+
+void gfLeastSquareProbedCylinder::get_distance(double& d, int i) const {
+  gfLeastSquareCylinder::get_distance(d, i);
+  d += rho_[i];
+}
+
+void gfLeastSquareProbedCylinder::get_distance_and_gradient(double& d, mlVector& g, int i) const {
+  gfLeastSquareCylinder::get_distance_and_gradient(d, g, i);
+  d += rho_[i];
+}
+
+void gfLeastSquareProbedCylinder::evaluate_block(int first, int count, double* distances, double* squares,
+                                                 double* jacobian, int ld) const {
+  offset_block(rho_.data(), first, count, distances, squares, jacobian, ld);
+}
+
+// ---- cone -------------------------------------------------------------------------------
+
+namespace {
+doublecoDynArr signed_radii_per_point(doublecoDynArr const& radii, int n, intcoDynArr const& inside) {
+  doublecoDynArr rho(n, 16);
+  for (int i = 0; i < n; ++i) rho.append(i < inside.count() && inside[i] ? radii[i] : -radii[i]);
+  return rho;
+}
+}  // namespace
+
+gfLeastSquareProbedCone::gfLeastSquareProbedCone(giPoint3coDynArr const& points, doublecoDynArr const& radii,
+                                                 int inside)
+    : gfLeastSquareCone(points), rho_(signed_radii(radii, points.count(), inside)) {}
+gfLeastSquareProbedCone::gfLeastSquareProbedCone(giPoint3coDynArr const& points, doublecoDynArr const& radii,
+                                                 intcoDynArr const& inside)
+    : gfLeastSquareCone(points), rho_(signed_radii_per_point(radii, points.count(), inside)) {}
+gfLeastSquareProbedCone::~gfLeastSquareProbedCone() = default;
+
+void gfLeastSquareProbedCone::get_distance(double& d, int i) const {
+  gfLeastSquareCone::get_distance(d, i);
+  d += rho_[i];
+}
+
+void gfLeastSquareProbedCone::get_distance_and_gradient(double& d, mlVector& g, int i) const {
+  gfLeastSquareCone::get_distance_and_gradient(d, g, i);
+  d += rho_[i];
+}
+
+void gfLeastSquareProbedCone::evaluate_block(int first, int count, double* distances, double* squares,
+                                             double* jacobian, int ld) const {
+  offset_block(rho_.data(), first, count, distances, squares, jacobian, ld);
+}
+
+// ---- evaluator entries ------------------------------------------------------------------
+
+namespace {
+
+double mean_of(doublecoDynArr const& values) {
+  double sum = 0.0;
+  for (double v : values) sum += v;
+  return values.count() > 0 ? sum / values.count() : 0.0;
+}
+
+// The plain cylinder of the ball centres, its radius shifted by the mean compensation (the
+// compensated cylinder itself when all radii are equal), then one fit of the compensated
+// problem.
+int probed_cylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside,
+                    giUnitVec3coDynArr const& normals, giUnitVec3 const& guess, giAngle const& angle, int k,
+                    giPoint3& point, giUnitVec3& direction, double& radius, double& residual) {
+  const int n = points.count();
+  if (!radii_usable(radii, n)) return 0;
+  gfLeastSquareProbedCylinder problem(points, radii, inside);
+  const double shift = mean_of(problem.compensation());
+  giPoint3 p = point;
+  giUnitVec3 u = direction;
+  double r = radius - shift, rms = 0.0;  // a previous compensated cylinder as the centres' one
+  if (!gfCalculateLeastSquareCylinder(points, p, u, r, rms, guess, angle, normals, k)) return 0;
+  mlVector start{p.x(), p.y(), p.z(), u.x(), u.y(), u.z(), r + shift}, result(7);
+  mlLevenbergMarquardt lm(problem);
+  const double value = lm.fit(start, result);
+  const giUnitVec3 fitted(result[3], result[4], result[5]);
+  if (!(result[6] > 0.0) || !std::isfinite(value) || fitted.invalid()) return 0;
+  point = giPoint3(result[0], result[1], result[2]);
+  direction = fitted;
+  radius = result[6];
+  residual = std::sqrt(value);
+  return 1;
+}
+
+// Which side of the contacts' cone each centre lies on: inside (1) when the step from the
+// contact to the centre runs against the cone's outward normal there, outside (0) when along
+// it, the caller's flag when the centre is on its contact.
+intcoDynArr sides_from_contacts(giPoint3coDynArr const& points, giPoint3coDynArr const& contacts, mlVector const& cone,
+                                int inside) {
+  const giPoint3 A(cone[0], cone[1], cone[2]);
+  const giUnitVec3 u(cone[3], cone[4], cone[5]);
+  const double s = std::sin(cone[7]), c = std::cos(cone[7]);
+  intcoDynArr sides(points.count(), 16);
+  for (int i = 0; i < points.count(); ++i) {
+    const giVector3 d = contacts[i] - A;
+    const giVector3 radial = d - u * u.dot(d);
+    const double len = radial.length();
+    const giVector3 normal = len > 0.0 ? u * s + radial * (c / len) : giVector3(u) * s;
+    const double along = normal.dot(points[i] - contacts[i]);
+    sides.append(along > 0.0 ? 0 : (along < 0.0 ? 1 : inside));
+  }
+  return sides;
+}
+
+// The plain cone of the ball centres with its offset shifted by the mean compensation, or
+// the plain cone of the contact estimates, then one fit of the compensated problem.
+int probed_cone(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside,
+                giPoint3coDynArr const& contacts, giUnitVec3coDynArr const& normals, giUnitVec3 const& guess,
+                giAngle const& angle, int k, giPoint3& apex, giUnitVec3& axis, double& half_angle,
+                double& residual) {
+  const int n = points.count();
+  if (!radii_usable(radii, n)) return 0;
+  const bool with_contacts = contacts.count() == n && n > 0 && gfit::detail::all_finite(contacts);
+  const double shift = with_contacts ? 0.0 : mean_of(gfit::detail::signed_radii(radii, n, inside));
+  // A previous compensated cone as the centres' one: the same axis and angle, the apex moved
+  // along the axis by -shift / sin(theta).
+  giPoint3 a = apex;
+  giUnitVec3 u = axis;
+  double theta = half_angle, rms = 0.0;
+  if (!u.invalid() && std::fabs(std::sin(theta)) > 0.0) a = apex + u * (-shift / std::sin(theta));
+  if (!gfCalculateLeastSquareCone(with_contacts ? contacts : points, a, u, theta, rms, guess, angle, normals, k))
+    return 0;
+  mlVector start{a.x(), a.y(), a.z(), u.x(), u.y(), u.z(), shift, theta}, result(8);
+  gfLeastSquareProbedCone problem = with_contacts ? gfLeastSquareProbedCone(points, radii, sides_from_contacts(
+                                                                                                points, contacts, start,
+                                                                                                inside))
+                                                  : gfLeastSquareProbedCone(points, radii, inside);
+  mlLevenbergMarquardt lm(problem);
+  lm.set_max_iterations(10000);
+  lm.set_strict(true);
+  const double value = lm.fit(start, result);
+  return gfit::detail::cone_outputs(result, value, apex, axis, half_angle, residual) ? 1 : 0;
+}
+
+}  // namespace
+
+int gfLeastSquareEvaluator::evaluate_probed_cylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii,
+                                                     int inside, giPoint3& point, giUnitVec3& direction,
+                                                     double& radius, double& residual, giUnitVec3 const& guess,
+                                                     giAngle const& angle, int k) {
+  if (points.count() < 4) return 0;
+  const giUnitVec3coDynArr no_normals;
+  const int status =
+      probed_cylinder(points, radii, inside, no_normals, guess, angle, k, point, direction, radius, residual);
+  if (status == 0) direction.set_invalid();
+  return status;
+}
+
+int gfLeastSquareEvaluator::evaluate_probed_cylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii,
+                                                     int inside, giUnitVec3coDynArr const& normals,
+                                                     giAngle const& angle, giPoint3& point, giUnitVec3& direction,
+                                                     double& radius, double& residual, int k) {
+  if (points.count() < 4) return 0;
+  const int status =
+      probed_cylinder(points, radii, inside, normals, giUnitVec3(), angle, k, point, direction, radius, residual);
+  if (status == 0) direction.set_invalid();
+  return status;
+}
+
+int gfLeastSquareEvaluator::evaluate_probed_cone(giPoint3coDynArr const& points, doublecoDynArr const& radii,
+                                                 int inside, giPoint3coDynArr const& contacts, giPoint3& apex,
+                                                 giUnitVec3& axis, double& half_angle, double& residual,
+                                                 giUnitVec3 const& guess, giAngle const& angle, int k) {
+  if (points.count() < 4) return 0;
+  const giUnitVec3coDynArr no_normals;
+  const int status =
+      probed_cone(points, radii, inside, contacts, no_normals, guess, angle, k, apex, axis, half_angle, residual);
+  if (status == 0) axis.set_invalid();
+  return status;
+}
+
+int gfLeastSquareEvaluator::evaluate_probed_cone(giPoint3coDynArr const& points, doublecoDynArr const& radii,
+                                                 int inside, giPoint3coDynArr const& contacts,
+                                                 giUnitVec3coDynArr const& normals, giAngle const& angle,
+                                                 giPoint3& apex, giUnitVec3& axis, double& half_angle,
+                                                 double& residual, int k) {
+  if (points.count() < 4) return 0;
+  const int status =
+      probed_cone(points, radii, inside, contacts, normals, giUnitVec3(), angle, k, apex, axis, half_angle, residual);
+  if (status == 0) axis.set_invalid();
+  return status;
+}
