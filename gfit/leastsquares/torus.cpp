@@ -8,6 +8,7 @@
 
 #include "gfit/leastsquares/axis_candidates.h"
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/probed.h"
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
@@ -59,38 +60,28 @@ void gfLeastSquareTorus::get_distance_and_gradient(double& d, mlVector& g, int i
 void gfLeastSquareTorus::evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
                                         int ld) const {
   mlVector const& p = parameters();
-  const giUnitVec3 u(p[3], p[4], p[5]);
-  const double ux = u.x(), uy = u.y(), uz = u.z(), r1 = p[6], r2 = p[7];
-  // The frame's substitute gradient of G for points on the axis.
-  const double sx = std::sqrt(std::fmax(0.0, 1.0 - ux * ux)), sy = std::sqrt(std::fmax(0.0, 1.0 - uy * uy)),
-               sz = std::sqrt(std::fmax(0.0, 1.0 - uz * uz));
+  const gfit::detail::AxisFrame frame(p);
+  const double ux = frame.ux, uy = frame.uy, uz = frame.uz, r1 = p[6], r2 = p[7];
   giPoint3 const* q = points().data() + first;
+  gfit::detail::AxialPoint a;
   for (int k = 0; k < count; ++k) {
-    const double dx = q[k].x() - p[0], dy = q[k].y() - p[1], dz = q[k].z() - p[2];
-    const double F = dx * ux + dy * uy + dz * uz;
-    const double cx = uy * dz - uz * dy, cy = uz * dx - ux * dz, cz = ux * dy - uy * dx;
-    const double G = std::sqrt(cx * cx + cy * cy + cz * cz);
-    const double e = G - r1, rho = std::sqrt(e * e + F * F);
+    frame.locate(q[k], a);
+    const double e = a.G - r1, rho = std::sqrt(e * e + a.F * a.F);
     const double d = rho - r2;
     distances[k] = d;
     squares[k] = d * d;
     if (!jacobian) continue;
     double g[8] = {0, 0, 0, 0, 0, 0, -1.0, -1.0};
     if (rho > kSmooth) {
-      const double ce = e / rho, cf = F / rho;
-      double g0 = sx, g1 = sy, g2 = sz;
-      if (G > kSmooth) {
-        g0 = (ux * F - dx) / G;
-        g1 = (uy * F - dy) / G;
-        g2 = (uz * F - dz) / G;
-      }
+      const double ce = e / rho, cf = a.F / rho;
+      frame.gradient(a);
       // dF/dA = -u, dF/du = d - u F; dG/du = F dG/dA.
-      g[0] = ce * g0 - cf * ux;
-      g[1] = ce * g1 - cf * uy;
-      g[2] = ce * g2 - cf * uz;
-      g[3] = ce * F * g0 + cf * (dx - ux * F);
-      g[4] = ce * F * g1 + cf * (dy - uy * F);
-      g[5] = ce * F * g2 + cf * (dz - uz * F);
+      g[0] = ce * a.g0 - cf * ux;
+      g[1] = ce * a.g1 - cf * uy;
+      g[2] = ce * a.g2 - cf * uz;
+      g[3] = ce * a.F * a.g0 + cf * (a.dx - ux * a.F);
+      g[4] = ce * a.F * a.g1 + cf * (a.dy - uy * a.F);
+      g[5] = ce * a.F * a.g2 + cf * (a.dz - uz * a.F);
       g[6] = -ce;
     }
     for (int j = 0; j < 8; ++j) jacobian[j * ld + k] = g[j];
@@ -796,14 +787,10 @@ int gfCalculateTorusDownhillSimplex(giPoint3coDynArr const& points, doublecoDynA
                                     giPoint3& centre, giVector3& axis, double& r1, double& r2, double& residual,
                                     double tolerance) {
   const int n = points.count();
-  if (!valid_points(points) || radii.count() < n || !(tolerance >= 0.0)) return 0;
-  doublecoDynArr rho(n, 16);
+  if (!valid_points(points) || !gfit::detail::radii_usable(radii, n) || !(tolerance >= 0.0)) return 0;
+  const doublecoDynArr rho = gfit::detail::signed_radii(radii, n, inside);
   double mean = 0.0;
-  for (int i = 0; i < n; ++i) {
-    if (!std::isfinite(radii[i])) return 0;
-    rho.append(inside ? radii[i] : -radii[i]);
-    mean += rho[i];
-  }
+  for (double r : rho) mean += r;
   mean /= n;
   giPoint3 c0;
   giUnitVec3 u0;

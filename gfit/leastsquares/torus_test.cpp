@@ -146,17 +146,10 @@ TEST(TorusProblem, GradientNormalisationAndScales) {
   special.append(giPoint3(1.2, 1.9, 7.0));
   special.append(giPoint3(1.2, 1.9, 3.1) + giVector3(tilted.any_normal()) * 9.5);
   gfLeastSquareTorus guarded(special);
-  guarded.set_parameters(p);
+  EXPECT_LT(gfit::testing::block_error(guarded, p), 1e-14);
   const int n = special.count();
   std::vector<double> d(n), sq(n), jac(8 * n);
   guarded.evaluate_block(0, n, d.data(), sq.data(), jac.data(), n);
-  mlVector g(8);
-  for (int i = 0; i < n; ++i) {
-    double di = 0.0;
-    guarded.get_distance_and_gradient(di, g, i);
-    EXPECT_NEAR(d[i], di, 1e-12);
-    for (int j = 0; j < 8; ++j) EXPECT_NEAR(jac[j * n + i], g[j], 1e-12) << "point " << i << ", column " << j;
-  }
   EXPECT_NEAR(d[n - 1], -3.2, 1e-12);  // on the spine: minus the tube radius
   EXPECT_EQ(jac[6 * n + n - 1], -1.0);
 
