@@ -40,6 +40,10 @@ demo: configure
 	@$(GFIT) fit ellipse data/ellipse.xy
 	@echo "== sphere touched by a 2 mm probe ball, data/probed-sphere.xyzr"
 	@$(GFIT) fit probed-sphere data/probed-sphere.xyzr
+	@echo "== cone through data/cone.xyz"
+	@$(GFIT) fit cone data/cone.xyz
+	@echo "== torus through data/torus.xyz"
+	@$(GFIT) fit torus data/torus.xyz
 	@echo "== roundness of data/roundness.xy: minimum-zone circle"
 	@$(GFIT) fit minmax-circle data/roundness.xy
 	@echo "== deviations of data/bracket.xyz from the CAD part data/bracket.step (first and last rows, summary)"
