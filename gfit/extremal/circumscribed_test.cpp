@@ -46,29 +46,24 @@ void expect_enclosing_with_support(Points const& p, giCircle2 const& c, double t
 }
 
 TEST(MinimumCircumscribedCircle, SmallCases) {
-  EXPECT_TRUE(gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle({}).invalid());
-  giCircle2 one = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle({giPoint2(2, 3)});
-  EXPECT_EQ(one.radius(), 0.0);
-  EXPECT_EQ(one.centre(), giPoint2(2, 3));
-  giCircle2 two = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle({giPoint2(0, 0), giPoint2(4, 0)});
-  EXPECT_EQ(two.centre(), giPoint2(2, 0));
-  EXPECT_EQ(two.radius(), 2.0);
+  auto mcc = [](Points const& p) { return gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle(p); };
+  EXPECT_TRUE(mcc({}).invalid());
+  EXPECT_TRUE(mcc({giPoint2(0, 0), giPoint2(NAN, 1)}).invalid());
+  EXPECT_EQ(mcc({giPoint2(2, 3)}).radius(), 0.0);
+  EXPECT_EQ(mcc({giPoint2(2, 3)}).centre(), giPoint2(2, 3));
+  EXPECT_EQ(mcc({giPoint2(0, 0), giPoint2(4, 0)}).centre(), giPoint2(2, 0));
+  EXPECT_EQ(mcc({giPoint2(0, 0), giPoint2(4, 0)}).radius(), 2.0);
   // Obtuse triangle: the circle on the longest side. Acute: the circumcircle.
-  giCircle2 obtuse = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle(
-      {giPoint2(0, 0), giPoint2(1, 0.5), giPoint2(4, 0)});
-  EXPECT_NEAR(obtuse.radius(), 2.0, 1e-15);
-  giCircle2 acute = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle(
-      {giPoint2(0, 0), giPoint2(2, 3), giPoint2(4, 0)});
+  EXPECT_NEAR(mcc({giPoint2(0, 0), giPoint2(1, 0.5), giPoint2(4, 0)}).radius(), 2.0, 1e-15);
+  giCircle2 acute = mcc({giPoint2(0, 0), giPoint2(2, 3), giPoint2(4, 0)});
   EXPECT_NEAR(acute.centre().y(), 5.0 / 6.0, 1e-15);
   EXPECT_NEAR(acute.radius(), std::hypot(2.0, 5.0 / 6.0), 1e-15);
   // Collinear points with duplicates: the two extreme points.
-  giCircle2 line = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle(
-      {giPoint2(1, 1), giPoint2(3, 3), giPoint2(2, 2), giPoint2(3, 3), giPoint2(0, 0), giPoint2(2, 2)});
-  EXPECT_NEAR(line.radius(), std::sqrt(4.5), 1e-15);
-  // Refusals.
-  EXPECT_TRUE(gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle({giPoint2(0, 0), giPoint2(NAN, 1)}).invalid());
-  EXPECT_TRUE(gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle_probed({giPoint2(0, 0), giPoint2(1, 1)},
-                                                                                 {1.0}, true).invalid());
+  Points line{giPoint2(1, 1), giPoint2(3, 3), giPoint2(2, 2), giPoint2(3, 3), giPoint2(0, 0), giPoint2(2, 2)};
+  EXPECT_NEAR(mcc(line).radius(), std::sqrt(4.5), 1e-15);
+  EXPECT_TRUE(
+      gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle_probed({giPoint2(0, 0), giPoint2(1, 1)}, {1.0}, true)
+          .invalid());
 }
 
 TEST(MinimumCircumscribedCircle, KnownProfiles) {
@@ -114,17 +109,17 @@ TEST(MinimumCircumscribedCircle, ProbedFormsMatchThePlainOne) {
   for (int trial = 0; trial < 20; ++trial) {
     Points p = gfit::testing::noisy_arc(rng, giPoint2(-300, 40 * trial), 12.0, 0.0, 2 * M_PI, 50, 0.02);
     giCircle2 plain = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle(p);
-    giCircle2 zero = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle_probed(p, std::vector<double>(p.size(), 0.0), true);
+    giCircle2 zero =
+        gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle_probed(p, std::vector<double>(p.size(), 0.0), true);
     EXPECT_NEAR(zero.radius(), plain.radius(), 1e-11);
     EXPECT_NEAR(zero.centre().distance(plain.centre()), 0.0, 1e-10);
     // A ball of radius r at every point: the circle grows (outer) or shrinks by r.
-    std::vector<double> r(p.size(), 1.5);
-    giCircle2 outer = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle_probed(p, r, true);
-    giCircle2 inner = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle_probed(p, r, false);
-    EXPECT_NEAR(outer.radius(), plain.radius() + 1.5, 1e-10);
-    EXPECT_NEAR(inner.radius(), plain.radius() - 1.5, 1e-10);
-    EXPECT_NEAR(outer.centre().distance(plain.centre()), 0.0, 1e-9);
-    EXPECT_NEAR(inner.centre().distance(plain.centre()), 0.0, 1e-9);
+    for (bool outer : {true, false}) {
+      giCircle2 c = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle_probed(
+          p, std::vector<double>(p.size(), 1.5), outer);
+      EXPECT_NEAR(c.radius(), plain.radius() + (outer ? 1.5 : -1.5), 1e-10);
+      EXPECT_NEAR(c.centre().distance(plain.centre()), 0.0, 1e-9);
+    }
   }
   std::vector<giPoint2> same(4, giPoint2(3, 4));
   EXPECT_EQ(gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle_probed(same, {1, 2, 3, 4}, true).radius(), 0.0);

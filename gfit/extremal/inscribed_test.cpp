@@ -18,11 +18,6 @@ double nearest_distance(Points const& p, giPoint2 const& c) {
   return m;
 }
 
-// No point inside the circle, and the radius reaches the nearest point.
-void expect_empty_and_touching(Points const& p, giCircle2 const& c, double tol) {
-  EXPECT_NEAR(nearest_distance(p, c.centre()), c.radius(), tol);
-}
-
 // The largest empty circle centred in the hull of the points: over all circumcircles of
 // three points with no point inside, the definition's oracle at quartic cost.
 double brute_force_radius(Points const& p) {
@@ -43,20 +38,17 @@ double brute_force_radius(Points const& p) {
 }
 
 TEST(MaximumInscribedCircle, StopsAtOnceWhenTheNearestPointsSurroundTheStart) {
+  // From the centroid, and from a start circle at the local maximum (its radius measured
+  // again): the centre at once. From near a corner: one nearest point, so the centre first
+  // moves straight away from it.
   Points square{giPoint2(0, 0), giPoint2(4, 0), giPoint2(4, 4), giPoint2(0, 4)};
-  giCircle2 c = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle(square);
-  EXPECT_EQ(c.centre(), giPoint2(2, 2));
-  EXPECT_NEAR(c.radius(), std::sqrt(8.0), 1e-15);
-  // A start circle at a local maximum comes back, with the radius measured again.
-  giCircle2 start(giPoint2(2, 2), 1.0);
-  c = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle(square, start);
-  EXPECT_EQ(c.centre(), giPoint2(2, 2));
-  EXPECT_NEAR(c.radius(), std::sqrt(8.0), 1e-15);
-  // From near a corner: one nearest point, so the centre first moves straight away from it.
-  giCircle2 corner(giPoint2(0.5, 1.0), 0.0);
-  c = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle(square, corner);
-  EXPECT_NEAR(c.centre().distance(giPoint2(2, 2)), 0.0, 1e-14);
-  EXPECT_NEAR(c.radius(), std::sqrt(8.0), 1e-14);
+  for (giCircle2 start : {giCircle2(), giCircle2(giPoint2(2, 2), 1.0), giCircle2(giPoint2(0.5, 1.0), 0.0)}) {
+    const bool corner = start.centre().x() == 0.5;
+    giCircle2 c = start.invalid() ? gfMaximumInscribedCircle::calculate_maximum_inscribed_circle(square)
+                                  : gfMaximumInscribedCircle::calculate_maximum_inscribed_circle(square, start);
+    EXPECT_NEAR(c.centre().distance(giPoint2(2, 2)), 0.0, corner ? 1e-14 : 0.0) << corner;
+    EXPECT_NEAR(c.radius(), std::sqrt(8.0), corner ? 1e-14 : 1e-15);
+  }
 }
 
 TEST(MaximumInscribedCircle, KnownProfiles) {
@@ -73,7 +65,7 @@ TEST(MaximumInscribedCircle, KnownProfiles) {
     giCircle2 c = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle(p, start);
     EXPECT_NEAR(c.radius(), 10.0 - k.amplitude, 1e-10) << k.lobes;
     EXPECT_NEAR(c.centre().distance(centre), 0.0, 1e-9) << k.lobes;
-    expect_empty_and_touching(p, c, 1e-10);
+    EXPECT_NEAR(nearest_distance(p, c.centre()), c.radius(), 1e-10);  // empty, touching
   }
 }
 
@@ -85,7 +77,7 @@ TEST(MaximumInscribedCircle, NoisyProfilesReachAnEmptyCircleNearTheLargest) {
     p.push_back(p[10]);
     p.push_back(p[20]);
     giCircle2 c = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle(p);
-    expect_empty_and_touching(p, c, 1e-12);
+    EXPECT_NEAR(nearest_distance(p, c.centre()), c.radius(), 1e-12);  // empty, touching
     // The walk climbs to a local maximum. On a profile whose noise is small against its
     // radius, the local maxima near the centre are few and the walk from the centroid
     // reaches the largest empty circle (rounding only: the oracle's circumcircles are
@@ -104,13 +96,12 @@ TEST(MaximumInscribedCircle, ProbedFormsMatchThePlainOne) {
         p, std::vector<double>(p.size(), 0.0), false);
     EXPECT_NEAR(zero.radius(), plain.radius(), 1e-10) << "trial " << trial;
     EXPECT_NEAR(zero.centre().distance(plain.centre()), 0.0, 1e-9) << "trial " << trial;
-    std::vector<double> r(p.size(), 0.75);
-    giCircle2 less = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle_probed(p, r, false);
-    giCircle2 more = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle_probed(p, r, true);
-    EXPECT_NEAR(less.radius(), plain.radius() - 0.75, 1e-10) << "trial " << trial;
-    EXPECT_NEAR(more.radius(), plain.radius() + 0.75, 1e-10) << "trial " << trial;
-    EXPECT_NEAR(less.centre().distance(plain.centre()), 0.0, 1e-9);
-    EXPECT_NEAR(more.centre().distance(plain.centre()), 0.0, 1e-9);
+    for (bool more : {false, true}) {
+      giCircle2 c = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle_probed(
+          p, std::vector<double>(p.size(), 0.75), more);
+      EXPECT_NEAR(c.radius(), plain.radius() + (more ? 0.75 : -0.75), 1e-10) << "trial " << trial;
+      EXPECT_NEAR(c.centre().distance(plain.centre()), 0.0, 1e-9);
+    }
   }
 }
 

@@ -1,4 +1,4 @@
-// Fit points, projected points, pairing records, shared handles and the paged arrays of them.
+// Fit points, projected points, pairing records and the shared handles to fit points.
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -44,16 +44,9 @@ TEST(ProjectedPoint, InvalidMarksAndDistances) {
 TEST(PlaneAndPoint, StoresTheNormalTimesTheWeight) {
   gfPlaneAndPoint a(giPoint3(1, 1, 1), giPoint3(0, 0, 0), giVector3(0, 0.6, 0.8), 3, 0.5, -0.5, 2.0);
   EXPECT_DOUBLE_EQ(a.weighted_normal().length(), 2.0);
-  EXPECT_EQ(a.kind(), 3);
-  EXPECT_EQ(a.first_parameter(), 0.5);
-  EXPECT_EQ(a.second_parameter(), -0.5);
   gfPlaneAndPoint b(giPoint3(1, 1, 1), giPlane(giPoint3(0, 0, 7), giUnitVec3(1, 0, 0)), 0, 0, 0, 0.25);
   EXPECT_EQ(b.plane_point(), giPoint3(0, 0, 7));
   EXPECT_DOUBLE_EQ(b.weighted_normal().x(), 0.25);
-
-  gfPlaneAndPointcoDynArr records(0, 10);
-  for (int i = 0; i < 11; ++i) records.append(a);
-  EXPECT_EQ(records.capacity(), 20);
 }
 
 // A fit point that counts its destructions.
@@ -97,28 +90,6 @@ TEST(SharedHandle, OwningHandlesDeleteOnceExternalHandlesNever) {
   shared.reset();
   from_shared = gfFitPoint3coPrf();
   EXPECT_EQ(deaths, 2);
-}
-
-TEST(PagedArray, ReferencesSurviveGrowthAndHandlesAreReleased) {
-  int deaths = 0;
-  {
-    gfFitPoint3PtrcoPageArr points;
-    points.append(gfFitPoint3coPrf(new Counted(deaths)));
-    gfFitPoint3coPrf const& first = points[0];
-    gfFitPoint3 const* object = first.get();
-    for (int i = 0; i < 10000; ++i) points.append(points[0]);
-    EXPECT_EQ(&points[0], &first);
-    EXPECT_EQ(first.get(), object);
-    EXPECT_EQ(first.use_count(), 10001);
-    EXPECT_EQ(points.pages(), (10001 + 255) / 256);
-    points.clear(0);  // pages (and handles) kept
-    EXPECT_EQ(deaths, 0);
-    points.clear(1);
-    EXPECT_EQ(deaths, 1);
-    EXPECT_EQ(points.pages(), 0);
-  }
-  gfFitPoint2PtrcoPageArr plane_points(2, 5, 10);
-  EXPECT_EQ(plane_points.page_size(), 4);
 }
 
 }  // namespace

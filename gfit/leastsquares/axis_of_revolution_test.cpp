@@ -8,9 +8,7 @@
 
 namespace {
 
-using gfit::testing::distance_from_axis;
-using gfit::testing::line_angle;
-using gfit::testing::Rng;
+using namespace gfit::testing;
 
 // Points and exact outward normals of a surface of revolution about (axis point, axis): the
 // meridian is (radius(h), h) with derivative dradius/dh, sampled at heights in [h0, h1].
@@ -65,7 +63,7 @@ TEST(AxisOfRevolution, AGivenDirectionStartsASingleFit) {
   ASSERT_EQ(gfLeastSquareEvaluator::evaluate_axis_rev(pts, normals, p, u, residual), 1);
   EXPECT_LT(line_angle(u, axis), 1e-9);
   gfLeastSquareAxisRev problem(pts, normals);
-  EXPECT_LT(gfit::testing::gradient_error(problem, mlVector{0.9, 2.1, 0.2, u.x(), u.y(), u.z()}), 1e-6);
+  EXPECT_LT(gradient_error(problem, mlVector{0.9, 2.1, 0.2, u.x(), u.y(), u.z()}), 1e-6);
   EXPECT_EQ(problem.n_independent_parameters(), 4);
 }
 

@@ -3,19 +3,13 @@
 #include <cmath>
 
 #include "gfit/gfit.h"
+#include "test/support/checks.h"
 #include "test/support/derivative_check.h"
 #include "test/support/samplers.h"
 
 namespace {
 
-using gfit::testing::line_angle;
-using gfit::testing::Rng;
-
-doublecoDynArr constant(int n, double r) {
-  doublecoDynArr radii(n, 16);
-  for (int i = 0; i < n; ++i) radii.append(r);
-  return radii;
-}
+using namespace gfit::testing;
 
 TEST(ProbedCircle, BallRadiusOnTheTouchedSide) {
   // Ball centres on a circle of radius 10: touched from inside (a bore) the surface has
@@ -35,7 +29,7 @@ TEST(ProbedCircle, BallRadiusOnTheTouchedSide) {
 
 TEST(ProbedFits, ZeroRadiiReproduceThePlainFits) {
   Rng rng(61);
-  giPoint2coDynArr arc = gfit::testing::sample_circle2(rng, giPoint2(3, 4), 6, 0.2, 4.0, 60, 1e-3);
+  giPoint2coDynArr arc = sample_circle2(rng, giPoint2(3, 4), 6, 0.2, 4.0, 60, 1e-3);
   giPoint2 c1, c2;
   double r1, r2, e1, e2;
   ASSERT_EQ(gfLeastSquareEvaluator::evaluate_circle(arc, c1, r1, e1), 1);
@@ -43,16 +37,15 @@ TEST(ProbedFits, ZeroRadiiReproduceThePlainFits) {
   EXPECT_LT(c1.distance(c2), 1e-12);
   EXPECT_NEAR(r1, r2, 1e-12);
 
-  giPoint3coDynArr cap = gfit::testing::sample_sphere(rng, giPoint3(7, 8, 9), 4, giUnitVec3(0, 1, 0), 1.0, 80, 1e-3);
+  giPoint3coDynArr cap = sample_sphere(rng, giPoint3(7, 8, 9), 4, giUnitVec3(0, 1, 0), 1.0, 80, 1e-3);
   giPoint3 s1, s2;
   ASSERT_EQ(gfLeastSquareEvaluator::evaluate_sphere(cap, s1, r1, e1), 1);
   ASSERT_EQ(gfLeastSquareEvaluator::evaluate_probed_sphere(cap, constant(80, 0.0), 0, s2, r2, e2), 1);
   EXPECT_LT(s1.distance(s2), 1e-10);
   EXPECT_NEAR(r1, r2, 1e-10);
 
-  giPoint3coDynArr face = gfit::testing::sample_plane(rng, giPoint3(1, 2, 3), giUnitVec3(1, 1, 4), 20, 10, 50, 1e-3);
-  giUnitVec3coDynArr up(50, 16);
-  for (int i = 0; i < 50; ++i) up.append(giUnitVec3(1, 1, 4));
+  giPoint3coDynArr face = sample_plane(rng, giPoint3(1, 2, 3), giUnitVec3(1, 1, 4), 20, 10, 50, 1e-3);
+  giUnitVec3coDynArr up = constant(50, giUnitVec3(1, 1, 4));
   giPoint3 p1, p2;
   giUnitVec3 n1, n2;
   ASSERT_EQ(gfLeastSquareEvaluator::evaluate_plane(face, p1, n1, e1), 1);
@@ -66,32 +59,24 @@ TEST(ProbedFits, SpheresTouchedFromOutsideAndInside) {
   Rng rng(62);
   const giPoint3 centre(-100, 250, 40);
   const double radius = 12.0, ball = 1.5;
-  giPoint3coDynArr surface = gfit::testing::sample_sphere(rng, centre, radius, giUnitVec3(0, 0, 1), 1.8, 100, 0.0);
-  giPoint3coDynArr outside(100, 16), inside(100, 16);
-  for (giPoint3 const& q : surface) {
-    giVector3 n = (q - centre).unit();
-    outside.append(q + n * ball);
-    inside.append(q - n * ball);
+  giPoint3coDynArr surface = sample_sphere(rng, centre, radius, giUnitVec3(0, 0, 1), 1.8, 100, 0.0);
+  for (int inside : {0, 1}) {
+    giPoint3coDynArr balls(100, 16);
+    for (giPoint3 const& q : surface) balls.append(q + (q - centre).unit() * (inside ? -ball : ball));
+    giPoint3 c;
+    double r, rms;
+    ASSERT_EQ(gfLeastSquareEvaluator::evaluate_probed_sphere(balls, constant(100, ball), inside, c, r, rms), 1);
+    EXPECT_NEAR(r, radius, 1e-9 * radius) << inside;
+    EXPECT_LT(c.distance(centre), 1e-9 * radius) << inside;
   }
-  giPoint3 c;
-  double r, rms;
-  ASSERT_EQ(gfLeastSquareEvaluator::evaluate_probed_sphere(outside, constant(100, ball), 0, c, r, rms), 1);
-  EXPECT_NEAR(r, radius, 1e-9 * radius);
-  EXPECT_LT(c.distance(centre), 1e-9 * radius);
-  ASSERT_EQ(gfLeastSquareEvaluator::evaluate_probed_sphere(inside, constant(100, ball), 1, c, r, rms), 1);
-  EXPECT_NEAR(r, radius, 1e-9 * radius);
 }
 
 TEST(ProbedFits, PlanesAndLinesFollowTheApproximateNormals) {
   // Ball centres 2 above the face z = 5: with normals up the surface is at z = 5, normal up.
   giPoint3coDynArr centres{giPoint3(0, 0, 7), giPoint3(10, 0, 7), giPoint3(0, 10, 7), giPoint3(10, 10, 7)};
   doublecoDynArr radii = constant(4, 2.0);
-  giUnitVec3coDynArr up(4, 4), down(4, 4), cancelling(4, 4);
-  for (int i = 0; i < 4; ++i) {
-    up.append(giUnitVec3(0, 0.1, 1));
-    down.append(giUnitVec3(0, 0, -1));
-    cancelling.append(giUnitVec3(0, 0, i % 2 ? 1 : -1));
-  }
+  giUnitVec3coDynArr up = constant(4, giUnitVec3(0, 0.1, 1)), down = constant(4, giUnitVec3(0, 0, -1));
+  giUnitVec3coDynArr cancelling{giUnitVec3(0, 0, -1), giUnitVec3(0, 0, 1), giUnitVec3(0, 0, -1), giUnitVec3(0, 0, 1)};
   giPoint3 p;
   giUnitVec3 n;
   double rms;
@@ -137,20 +122,20 @@ TEST(ProbedFits, RefusalsForShortOrBadArrays) {
 
 TEST(ProbedProblems, GradientsMatchCentralDifferences) {
   Rng rng(63);
-  giPoint2coDynArr flat = gfit::testing::sample_circle2(rng, giPoint2(1, 2), 3, 0, 6, 20, 0.1);
+  giPoint2coDynArr flat = sample_circle2(rng, giPoint2(1, 2), 3, 0, 6, 20, 0.1);
   doublecoDynArr radii(20, 16);
   for (int i = 0; i < 20; ++i) radii.append(rng.uniform(0.1, 0.5));
   gfLeastSquareProbedCircle2 circle(flat, radii, 1);
-  EXPECT_LT(gfit::testing::gradient_error(circle, mlVector{1.2, 1.8, 2.5}), 1e-7);
+  EXPECT_LT(gradient_error(circle, mlVector{1.2, 1.8, 2.5}), 1e-7);
   gfLeastSquareProbedLine2 line(flat, radii, 0);
   giUnitVec2 n2(0.6, 0.8);
-  EXPECT_LT(gfit::testing::gradient_error(line, mlVector{1.0, n2.x(), n2.y()}), 1e-7);
-  giPoint3coDynArr round = gfit::testing::sample_sphere(rng, giPoint3(1, 2, 3), 4, giUnitVec3(0, 0, 1), 3, 20, 0.1);
+  EXPECT_LT(gradient_error(line, mlVector{1.0, n2.x(), n2.y()}), 1e-7);
+  giPoint3coDynArr round = sample_sphere(rng, giPoint3(1, 2, 3), 4, giUnitVec3(0, 0, 1), 3, 20, 0.1);
   gfLeastSquareProbedSphere sphere(round, radii, 0);
-  EXPECT_LT(gfit::testing::gradient_error(sphere, mlVector{1.1, 2.1, 2.9, 3.5}), 1e-7);
+  EXPECT_LT(gradient_error(sphere, mlVector{1.1, 2.1, 2.9, 3.5}), 1e-7);
   gfLeastSquareProbedPlane plane(round, radii, 1);
   giUnitVec3 n3(1, 2, 2);
-  EXPECT_LT(gfit::testing::gradient_error(plane, mlVector{0.5, n3.x(), n3.y(), n3.z()}), 1e-7);
+  EXPECT_LT(gradient_error(plane, mlVector{0.5, n3.x(), n3.y(), n3.z()}), 1e-7);
 }
 
 TEST(ProbedProblems, EllipseClosestPointAndNormal) {

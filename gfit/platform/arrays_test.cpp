@@ -88,7 +88,8 @@ TEST(PagedArray, ReferencesStayValidWhileItGrows) {
 }
 
 TEST(PagedArray, ReleasesSharedHandlesOnClear) {
-  coPageArr<std::shared_ptr<int>> a(2, 1, 1);  // pages of 4
+  coPageArr<std::shared_ptr<int>> a(2, 1, 1);
+  EXPECT_EQ(a.page_size(), 4);
   auto owned = std::make_shared<int>(5);
   for (int i = 0; i < 9; ++i) a.append(owned);
   EXPECT_EQ(a.pages(), 3);
@@ -149,9 +150,7 @@ TEST(Sorting, IndexSortKeepsEqualKeysInIndexOrder) {
   double keys[] = {3.0, 1.0, 2.0, 1.0, -5.0};
   intcoDynArr idx;
   doublecoQuickSortIndex(keys, 5, idx);
-  ASSERT_EQ(idx.count(), 5);
-  int expected[] = {4, 1, 3, 2, 0};
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(idx[i], expected[i]);
+  EXPECT_EQ(std::vector<int>(idx.begin(), idx.end()), (std::vector<int>{4, 1, 3, 2, 0}));
 }
 
 }  // namespace

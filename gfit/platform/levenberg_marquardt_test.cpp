@@ -3,79 +3,50 @@
 #include <cmath>
 
 #include "gfit/gfit.h"
+#include "test/support/checks.h"
 #include "test/support/derivative_check.h"
 #include "test/support/samplers.h"
 
 namespace {
 
-using gfit::testing::Rng;
+using namespace gfit::testing;
 
-// Problems written here, independent of the library's element classes.
-
-// Circle (cx, cy, r); `wrong_gradient` flips a sign, to prove the derivative check bites.
-class Circle : public mlDistanceLeastSquares {
+// Problems written here, independent of the library's element classes: a circle (2-D
+// points) or a sphere (3-D points), the centre's coordinates and then the radius, split into
+// `pieces` parameters that add up (more than one leaves redundant directions).
+// `wrong_gradient` flips the radius derivatives, to prove the derivative check bites.
+template <class Point, int dims>
+class Round : public mlDistanceLeastSquares {
  public:
-  explicit Circle(giPoint2coDynArr const& p, bool wrong_gradient = false)
-      : mlDistanceLeastSquares(3, p.count()), p_(p), wrong_(wrong_gradient) {}
+  explicit Round(coDynArr<Point> const& p, int pieces = 1, bool wrong_gradient = false)
+      : mlDistanceLeastSquares(dims + pieces, p.count()), p_(p), pieces_(pieces), wrong_(wrong_gradient) {}
   void normalize_parameters(mlVector&) const override {}
+  int n_independent_parameters() const override { return dims + 1; }
   void get_distance(double& d, int i) const override {
-    d = std::hypot(p_[i].x() - parameters()[0], p_[i].y() - parameters()[1]) - parameters()[2];
-  }
-  void get_distance_and_gradient(double& d, mlVector& g, int i) const override {
-    double dx = p_[i].x() - parameters()[0], dy = p_[i].y() - parameters()[1], rho = std::hypot(dx, dy);
-    d = rho - parameters()[2];
-    g[0] = rho > 0 ? -dx / rho : 0.0;
-    g[1] = rho > 0 ? -dy / rho : 0.0;
-    g[2] = wrong_ ? 1.0 : -1.0;
-  }
-
- private:
-  giPoint2coDynArr const& p_;
-  bool wrong_;
-};
-
-// The circle with its radius split into two parameters, r = r1 + r2: one redundant direction.
-class SplitRadiusCircle : public mlDistanceLeastSquares {
- public:
-  explicit SplitRadiusCircle(giPoint2coDynArr const& p) : mlDistanceLeastSquares(4, p.count()), p_(p) {}
-  void normalize_parameters(mlVector&) const override {}
-  int n_independent_parameters() const override { return 3; }
-  void get_distance(double& d, int i) const override {
-    mlVector g(4);
+    mlVector g(dims + pieces_);
     get_distance_and_gradient(d, g, i);
   }
   void get_distance_and_gradient(double& d, mlVector& g, int i) const override {
-    double dx = p_[i].x() - parameters()[0], dy = p_[i].y() - parameters()[1], rho = std::hypot(dx, dy);
-    d = rho - parameters()[2] - parameters()[3];
-    g[0] = -dx / rho;
-    g[1] = -dy / rho;
-    g[2] = g[3] = -1.0;
+    double delta[dims], rho = 0.0;
+    for (int k = 0; k < dims; ++k) {
+      delta[k] = p_[i][k] - parameters()[k];
+      rho += delta[k] * delta[k];
+    }
+    d = rho = std::sqrt(rho);
+    for (int k = 0; k < dims; ++k) g[k] = rho > 0 ? -delta[k] / rho : 0.0;
+    for (int j = dims; j < dims + pieces_; ++j) {
+      d -= parameters()[j];
+      g[j] = wrong_ ? 1.0 : -1.0;
+    }
   }
 
  private:
-  giPoint2coDynArr const& p_;
+  coDynArr<Point> const& p_;
+  int pieces_;
+  bool wrong_;
 };
-
-class Sphere : public mlDistanceLeastSquares {
- public:
-  explicit Sphere(giPoint3coDynArr const& p) : mlDistanceLeastSquares(4, p.count()), p_(p) {}
-  void normalize_parameters(mlVector&) const override {}
-  void get_distance(double& d, int i) const override {
-    giPoint3 c(parameters()[0], parameters()[1], parameters()[2]);
-    d = p_[i].distance(c) - parameters()[3];
-  }
-  void get_distance_and_gradient(double& d, mlVector& g, int i) const override {
-    giPoint3 c(parameters()[0], parameters()[1], parameters()[2]);
-    giVector3 v = p_[i] - c;
-    double rho = v.length();
-    d = rho - parameters()[3];
-    for (int k = 0; k < 3; ++k) g[k] = -v[k] / rho;
-    g[3] = -1.0;
-  }
-
- private:
-  giPoint3coDynArr const& p_;
-};
+using Circle = Round<giPoint2, 2>;
+using Sphere = Round<giPoint3, 3>;
 
 double fit(mlDistanceLeastSquares& problem, mlVector const& start, mlVector& result, int max_iterations = 0,
            bool strict = false, mlLevenbergMarquardt::Termination* why = nullptr, int* iterations = nullptr) {
@@ -91,16 +62,16 @@ double fit(mlDistanceLeastSquares& problem, mlVector const& start, mlVector& res
 
 TEST(LevenbergMarquardt, TheDerivativeCheckAcceptsRightAndRejectsWrongGradients) {
   Rng rng(1);
-  giPoint2coDynArr pts = gfit::testing::sample_circle2(rng, giPoint2(3, -2), 5, 0, 2 * M_PI, 20, 0.01);
-  Circle good(pts), bad(pts, true);
+  giPoint2coDynArr pts = sample_circle2(rng, giPoint2(3, -2), 5, 0, 2 * M_PI, 20, 0.01);
+  Circle good(pts), bad(pts, 1, true);
   mlVector at{2.5, -1.0, 4.0};
-  EXPECT_LT(gfit::testing::gradient_error(good, at), 1e-8);
-  EXPECT_GT(gfit::testing::gradient_error(bad, at), 1.0);
+  EXPECT_LT(gradient_error(good, at), 1e-8);
+  EXPECT_GT(gradient_error(bad, at), 1.0);
 }
 
 TEST(LevenbergMarquardt, RecoversAnArcFromAPoorStart) {
   Rng rng(2);
-  giPoint2coDynArr pts = gfit::testing::sample_circle2(rng, giPoint2(3, -2), 5, 0.3, 2.1, 200, 1e-3);
+  giPoint2coDynArr pts = sample_circle2(rng, giPoint2(3, -2), 5, 0.3, 2.1, 200, 1e-3);
   Circle problem(pts);
   mlVector from_far, from_near;
   mlLevenbergMarquardt::Termination why;
@@ -114,16 +85,14 @@ TEST(LevenbergMarquardt, RecoversAnArcFromAPoorStart) {
   for (int k = 0; k < 3; ++k) EXPECT_NEAR(from_far[k], from_near[k], 1e-9);
   EXPECT_NEAR(far_value, near_value, 1e-15);
   // ... within the noise of the truth (120 degrees of arc, 200 points, sigma 1e-3).
-  EXPECT_NEAR(from_far[0], 3.0, 5e-3);
-  EXPECT_NEAR(from_far[1], -2.0, 5e-3);
-  EXPECT_NEAR(from_far[2], 5.0, 5e-3);
+  const double truth[] = {3, -2, 5};
+  for (int k = 0; k < 3; ++k) EXPECT_NEAR(from_far[k], truth[k], 5e-3);
   EXPECT_NEAR(std::sqrt(far_value), 1e-3, 2e-4);
 }
 
 TEST(LevenbergMarquardt, FarFromTheOriginGivesTheSameElementTranslated) {
   Rng rng(3);
-  giPoint3coDynArr near = gfit::testing::sample_sphere(rng, giPoint3(0.3, -0.2, 0.1), 10.0, giUnitVec3(0.2, 0.1, 1),
-                                                       2.0, 500, 1e-6);
+  giPoint3coDynArr near = sample_sphere(rng, giPoint3(0.3, -0.2, 0.1), 10.0, giUnitVec3(0.2, 0.1, 1), 2.0, 500, 1e-6);
   const giVector3 shift(1000.0, -1000.0, 1000.0);
   giPoint3coDynArr far(near.count(), 16);
   for (giPoint3 const& p : near) far.append(p + shift);
@@ -133,18 +102,14 @@ TEST(LevenbergMarquardt, FarFromTheOriginGivesTheSameElementTranslated) {
   fit(a, mlVector{3.3, 2.8, -2.9, 8.0}, ra);
   fit(b, mlVector{1003.3, -997.2, 997.1, 12.0}, rb);
   const double size = 10.0;
-  EXPECT_NEAR(rb[0] - shift.x(), ra[0], 1e-9 * size);
-  EXPECT_NEAR(rb[1] - shift.y(), ra[1], 1e-9 * size);
-  EXPECT_NEAR(rb[2] - shift.z(), ra[2], 1e-9 * size);
-  EXPECT_NEAR(rb[3], ra[3], 1e-9 * size);
+  for (int k = 0; k < 4; ++k) EXPECT_NEAR(rb[k] - (k < 3 ? shift[k] : 0.0), ra[k], 1e-9 * size);
   EXPECT_NEAR(ra[3], 10.0, 1e-6);
 }
 
 TEST(LevenbergMarquardt, ARedundantParameterGetsTheMinimumNormStep) {
   Rng rng(4);
-  giPoint2coDynArr pts = gfit::testing::sample_circle2(rng, giPoint2(1, 1), 2, 0, 2 * M_PI, 100, 1e-4);
-  SplitRadiusCircle split(pts);
-  Circle plain(pts);
+  giPoint2coDynArr pts = sample_circle2(rng, giPoint2(1, 1), 2, 0, 2 * M_PI, 100, 1e-4);
+  Circle split(pts, 2), plain(pts);
   mlVector rs, rp;
   mlLevenbergMarquardt::Termination why;
   double vs = fit(split, mlVector{0, 0, 1, 0}, rs, 0, false, &why);
@@ -158,7 +123,7 @@ TEST(LevenbergMarquardt, ARedundantParameterGetsTheMinimumNormStep) {
 
 TEST(LevenbergMarquardt, HonoursTheIterationLimitAndStrictMode) {
   Rng rng(5);
-  giPoint3coDynArr pts = gfit::testing::sample_sphere(rng, giPoint3(1, 2, 3), 4, giUnitVec3(0, 0, 1), 1.2, 300, 1e-3);
+  giPoint3coDynArr pts = sample_sphere(rng, giPoint3(1, 2, 3), 4, giUnitVec3(0, 0, 1), 1.2, 300, 1e-3);
   Sphere problem(pts);
   mlVector r;
   mlLevenbergMarquardt::Termination why;
@@ -201,12 +166,11 @@ TEST(LevenbergMarquardt, EdgeCases) {
 
 TEST(LevenbergMarquardt, SameInputSameBits) {
   Rng rng(6);
-  giPoint3coDynArr pts = gfit::testing::sample_sphere(rng, giPoint3(5, 5, 5), 3, giUnitVec3(1, 0, 0), 0.8, 1000, 1e-2);
+  giPoint3coDynArr pts = sample_sphere(rng, giPoint3(5, 5, 5), 3, giUnitVec3(1, 0, 0), 0.8, 1000, 1e-2);
   Sphere p1(pts), p2(pts);
   mlVector a, b;
-  double va = fit(p1, mlVector{0, 0, 0, 1}, a), vb = fit(p2, mlVector{0, 0, 0, 1}, b);
-  EXPECT_EQ(va, vb);
-  for (int k = 0; k < 4; ++k) EXPECT_EQ(a[k], b[k]);
+  EXPECT_EQ(fit(p1, mlVector{0, 0, 0, 1}, a), fit(p2, mlVector{0, 0, 0, 1}, b));
+  EXPECT_EQ(bits(a), bits(b));
 }
 
 TEST(LevenbergMarquardt, PointDistributionQualityOfAFullCircle) {

@@ -42,4 +42,14 @@ ReferenceSet load_reference_set(std::string const& kind, std::string const& name
   return set;
 }
 
+void for_each_reference_set(std::string const& kind, size_t count,
+                            std::function<void(ReferenceSet const&)> const& check) {
+  std::vector<std::string> names = reference_sets(kind);
+  ASSERT_EQ(names.size(), count) << kind;
+  for (std::string const& name : names) {
+    SCOPED_TRACE(kind + " " + name);
+    check(load_reference_set(kind, name));
+  }
+}
+
 }  // namespace gfit::testing

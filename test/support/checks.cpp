@@ -1,0 +1,35 @@
+#include "test/support/checks.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+
+namespace gfit::testing {
+
+double direction_angle(giVector3 const& a, giVector3 const& b) { return std::atan2(a.cross(b).length(), a.dot(b)); }
+
+giPoint3coDynArr reversed(giPoint3coDynArr const& points) {
+  giPoint3coDynArr out(points.count(), 16);
+  for (int i = points.count() - 1; i >= 0; --i) out.append(points[i]);
+  return out;
+}
+
+void expect_refused(int status, giUnitVec3& direction) {
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(direction.x(), -DBL_MAX);
+  EXPECT_EQ(direction.z(), 1.0);  // only x carries the mark
+  direction = giUnitVec3(0, 0, 1);
+}
+
+void expect_thread_independent(std::function<Bits()> const& fit) {
+  const int previous = gfSetMaxThreads(1);
+  const Bits one = fit(), again = fit();
+  gfSetMaxThreads(2);
+  const Bits two = fit();
+  gfSetMaxThreads(previous);
+  EXPECT_EQ(again, one);
+  EXPECT_EQ(two, one);
+}
+
+}  // namespace gfit::testing

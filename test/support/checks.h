@@ -1,0 +1,35 @@
+// Checks shared by the fitting tests: arrays of one value, the angle between directions,
+// refusals that mark a direction, and results compared bit for bit.
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include "gfit/gfit.h"
+
+namespace gfit::testing {
+
+// n copies of `value` (probe radii, approximate normals).
+template <class T>
+coDynArr<T> constant(int n, T const& value) {
+  coDynArr<T> out(n, 16);
+  for (int i = 0; i < n; ++i) out.append(value);
+  return out;
+}
+
+// The angle between two directions, sign included, accurate near 0.
+double direction_angle(giVector3 const& a, giVector3 const& b);
+
+giPoint3coDynArr reversed(giPoint3coDynArr const& points);
+
+// A refused fit returns 0 and marks the direction it was given as unset: x = -DBL_MAX, the
+// other coordinates kept. `direction` must be +z before the call; it is +z again after.
+void expect_refused(int status, giUnitVec3& direction);
+
+// The numbers a fit returns, to compare bit for bit.
+using Bits = std::vector<double>;
+inline Bits bits(mlVector const& v) { return Bits(v.data(), v.data() + v.size()); }
+// `fit` gives the same bits twice with one thread and once more with two.
+void expect_thread_independent(std::function<Bits()> const& fit);
+
+}  // namespace gfit::testing
