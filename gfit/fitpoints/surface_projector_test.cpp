@@ -12,8 +12,6 @@ namespace {
 
 using namespace gfit::testing;
 
-giXform3 const kIdentity(giXformIdentity{});
-
 gfProjectedPoint3 project(tskSurf const& surface, giPoint3 const& p, giUnitVec3 const& approximate, double r) {
   gfSurfProjectorForFitting3 projector(surface);
   gfProbedPoint3 probed(p, approximate, r);
@@ -128,8 +126,8 @@ TEST(SurfaceForFitting, CopyThenTransformLeavesTheSourceAlone) {
 
   // A batch under a transform moves the measured points before projecting them.
   gfProjectedPoint3 moved;
-  p->project_batch([&](int) -> gfFitPoint3 const& { return probed; },
-                   [&](int) -> gfProjectedPoint3& { return moved; }, 1, 0, shift);
+  p->project_batch([&](int) -> gfFitPoint3 const& { return probed; }, [&](int) -> gfProjectedPoint3& { return moved; },
+                   1, 0, shift);
   EXPECT_EQ(moved.measured_point(), giPoint3(5, 5, 16));
   EXPECT_NEAR(moved.signed_distance(), 1.0, 1e-12);
 

@@ -63,7 +63,7 @@ TEST(SphereCircleConformance, NistCirclesInSpace) {
 
 // ---- recovery ---------------------------------------------------------------------------
 
-TEST(SphereCircleRecovery, SpheresFarFromTheOriginWithPartialCoverage) {
+TEST(SphereCircleRecovery, SpheresFarFromTheOriginNoisyCapsAndExact) {
   Rng rng(31);
   const double noise = 1e-3;
   for (int trial = 0; trial < 10; ++trial) {

@@ -26,7 +26,7 @@ double axis_difference(double a, double b) {
   return std::fmin(d, M_PI - d);
 }
 
-TEST(EllipseRecovery, EccentricRotatedPartialAndFarFromTheOrigin) {
+TEST(EllipseRecovery, EccentricRotatedPartialFarFromTheOriginAndRound) {
   Rng rng(51);
   struct Case {
     giPoint2 centre;

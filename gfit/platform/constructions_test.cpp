@@ -13,6 +13,11 @@ cnxCircle2 touching(giPoint2 const& centre, double R, double theta, double r, bo
   return cnxCircle2(centre + giVector2(d * std::cos(theta), d * std::sin(theta)), r);
 }
 
+// The circle touching a, b and c as `selector` asks.
+bool tangent(cnxCircle2& s, cnxCircle2 const& a, cnxCircle2 const& b, cnxCircle2 const& c, int selector) {
+  return cnxCircle2Constructor::construct(s, cnx_tangent, a, cnx_tangent, b, cnx_tangent, c, selector);
+}
+
 // How far the solution is from meeting the tangency asked for by `selector` at circle i.
 double tangency_error(cnxCircle2 const& s, cnxCircle2 const& given, bool enclosed) {
   double want = enclosed ? s.radius() - given.radius() : s.radius() + given.radius();
@@ -37,10 +42,8 @@ TEST(CnxCircle2Constructor, EverySignCombinationOnConfigurationsWhereItExists) {
         given[i] = touching(centre, R, theta, rng.uniform(0.1, 0.9) * (enclosed[i] ? R : 2.0), enclosed[i]);
       }
       cnxCircle2 smaller, larger;
-      ASSERT_TRUE(cnxCircle2Constructor::construct(smaller, cnx_tangent, given[0], cnx_tangent, given[1],
-                                                   cnx_tangent, given[2], selector));
-      ASSERT_TRUE(cnxCircle2Constructor::construct(larger, cnx_tangent, given[0], cnx_tangent, given[1],
-                                                   cnx_tangent, given[2], selector | 1));
+      ASSERT_TRUE(tangent(smaller, given[0], given[1], given[2], selector));
+      ASSERT_TRUE(tangent(larger, given[0], given[1], given[2], selector | 1));
       EXPECT_LE(smaller.radius(), larger.radius());
       // Rounding of coordinates of size 1e4 leaves about 1e-12 relative; allow 1e-9 of it.
       double tol = 1e-9 * (1.0 + offset);
@@ -58,14 +61,13 @@ TEST(CnxCircle2Constructor, EverySignCombinationOnConfigurationsWhereItExists) {
 
 TEST(CnxCircle2Constructor, EqualRadiiGiveTheCircumcircleGrownOrShrunk) {
   cnxCircle2 a(giPoint2(3, 0), 0.5), b(giPoint2(0, 3), 0.5), c(giPoint2(-3, 0), 0.5), s;
-  ASSERT_TRUE(cnxCircle2Constructor::construct(s, cnx_tangent, a, cnx_tangent, b, cnx_tangent, c,
-                                               cnxCircle2Constructor::enclose_all));
+  ASSERT_TRUE(tangent(s, a, b, c, cnxCircle2Constructor::enclose_all));
   EXPECT_NEAR(s.radius(), 3.5, 1e-14);
   EXPECT_NEAR(s.centre().distance(giPoint2(0, 0)), 0.0, 1e-14);
-  ASSERT_TRUE(cnxCircle2Constructor::construct(s, cnx_tangent, a, cnx_tangent, b, cnx_tangent, c, 0));
+  ASSERT_TRUE(tangent(s, a, b, c, 0));
   EXPECT_NEAR(s.radius(), 2.5, 1e-14);
-  ASSERT_TRUE(cnxCircle2Constructor::construct(s, cnx_through_centre, a, cnx_through_centre, b, cnx_through_centre,
-                                               c, 0));
+  ASSERT_TRUE(
+      cnxCircle2Constructor::construct(s, cnx_through_centre, a, cnx_through_centre, b, cnx_through_centre, c, 0));
   EXPECT_NEAR(s.radius(), 3.0, 1e-14);
 }
 
@@ -73,10 +75,8 @@ TEST(CnxCircle2Constructor, CollinearCentresGiveMirrorSolutions) {
   // Circles on the x axis touching (0, +-2) with radius 1 from outside.
   auto on_axis = [](double x) { return cnxCircle2(giPoint2(x, 0), std::sqrt(x * x + 4.0) - 1.0); };
   cnxCircle2 left, right;
-  ASSERT_TRUE(cnxCircle2Constructor::construct(left, cnx_tangent, on_axis(-3), cnx_tangent, on_axis(0), cnx_tangent,
-                                               on_axis(4), 0));
-  ASSERT_TRUE(cnxCircle2Constructor::construct(right, cnx_tangent, on_axis(-3), cnx_tangent, on_axis(0),
-                                               cnx_tangent, on_axis(4), 1));
+  ASSERT_TRUE(tangent(left, on_axis(-3), on_axis(0), on_axis(4), 0));
+  ASSERT_TRUE(tangent(right, on_axis(-3), on_axis(0), on_axis(4), 1));
   EXPECT_NEAR(left.radius(), 1.0, 1e-13);
   EXPECT_NEAR(left.centre().distance(giPoint2(0, 2)), 0.0, 1e-13);
   EXPECT_NEAR(right.centre().distance(giPoint2(0, -2)), 0.0, 1e-13);
@@ -85,17 +85,15 @@ TEST(CnxCircle2Constructor, CollinearCentresGiveMirrorSolutions) {
 TEST(CnxCircle2Constructor, NoSolutionGivesAnInvalidCentre) {
   cnxCircle2 a(giPoint2(0, 0), 1), b(giPoint2(5, 0), 1), c(giPoint2(10, 0), 1), s;
   // Equal circles in a row: no circle touches all three on one side.
-  EXPECT_FALSE(cnxCircle2Constructor::construct(s, cnx_tangent, a, cnx_tangent, b, cnx_tangent, c, 0));
+  EXPECT_FALSE(tangent(s, a, b, c, 0));
   EXPECT_TRUE(s.invalid());
   EXPECT_EQ(s.centre().x(), DBL_MAX);
   // No circle encloses the outer of two concentric circles and touches the inner one from
   // outside. Selectors beyond 15 and negative radii are refused.
   cnxCircle2 outer(giPoint2(0, 0), 5), inner(giPoint2(0, 0), 1), third(giPoint2(20, 0), 1);
-  EXPECT_FALSE(cnxCircle2Constructor::construct(s, cnx_tangent, outer, cnx_tangent, inner, cnx_tangent, third,
-                                                cnxCircle2Constructor::enclose_first));
-  EXPECT_FALSE(cnxCircle2Constructor::construct(s, cnx_tangent, a, cnx_tangent, b, cnx_tangent, third, 16));
-  EXPECT_FALSE(cnxCircle2Constructor::construct(s, cnx_tangent, cnxCircle2(giPoint2(0, 0), -1), cnx_tangent, b,
-                                                cnx_tangent, third, 0));
+  EXPECT_FALSE(tangent(s, outer, inner, third, cnxCircle2Constructor::enclose_first));
+  EXPECT_FALSE(tangent(s, a, b, third, 16));
+  EXPECT_FALSE(tangent(s, cnxCircle2(giPoint2(0, 0), -1), b, third, 0));
 }
 
 }  // namespace
