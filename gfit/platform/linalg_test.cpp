@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <vector>
 
 #include "gfit/gfit.h"
 #include "test/support/samplers.h"
@@ -50,10 +51,8 @@ TEST(SingularValues, DescendingThinAndReconstructing) {
     mlSingularValueDecomposition svd(a);
     const int k = std::min(rows, cols);
     ASSERT_EQ(svd.diagonal().size(), k);
-    EXPECT_EQ(svd.U().rows(), rows);
-    EXPECT_EQ(svd.U().cols(), k);
-    EXPECT_EQ(svd.V().rows(), cols);
-    EXPECT_EQ(svd.V().cols(), k);
+    EXPECT_EQ((std::vector<int>{svd.U().rows(), svd.U().cols(), svd.V().rows(), svd.V().cols()}),
+              (std::vector<int>{rows, k, cols, k}));  // thin
     for (int i = 1; i < k; ++i) EXPECT_GE(svd.diagonal()[i - 1], svd.diagonal()[i]);
     mlMatrix s(k, k);
     for (int i = 0; i < k; ++i) s(i, i) = svd.diagonal()[i];
@@ -94,9 +93,7 @@ TEST(EigenSolvers, SymmetricAscending) {
   double values[] = {2, 1, 0, 1, 2, 0, 0, 0, 5};
   mlSymEigenVecs eig(mlMatrix(utConvert{}, values, 3, 3), 1e-4);
   ASSERT_EQ(eig.size(), 3);
-  EXPECT_NEAR(eig.eigenvalue(0), 1.0, 1e-14);
-  EXPECT_NEAR(eig.eigenvalue(1), 3.0, 1e-14);
-  EXPECT_NEAR(eig.eigenvalue(2), 5.0, 1e-14);
+  for (int k = 0; k < 3; ++k) EXPECT_NEAR(eig.eigenvalue(k), 1.0 + 2 * k, 1e-14);
   mlVector v = eig.eigenvector(0);  // (1, -1, 0)/sqrt(2) up to sign
   EXPECT_NEAR(std::fabs(v[0] - v[1]), std::sqrt(2.0), 1e-14);
   EXPECT_NEAR(v[2], 0.0, 1e-14);
@@ -106,9 +103,8 @@ TEST(EigenSolvers, NonSymmetricThreeByThree) {
   double real[] = {2, 1, 0, 0, 3, 1, 0, 0, -1};  // triangular: eigenvalues 2, 3, -1
   mlAsymEigenVecs3 e(mlMatrix(utConvert{}, real, 3, 3));
   ASSERT_EQ(e.n_real(), 3);
-  EXPECT_NEAR(e.eigenvalue(0), -1.0, 1e-14);
-  EXPECT_NEAR(e.eigenvalue(1), 2.0, 1e-14);
-  EXPECT_NEAR(e.eigenvalue(2), 3.0, 1e-14);
+  const double ascending[] = {-1, 2, 3};
+  for (int k = 0; k < 3; ++k) EXPECT_NEAR(e.eigenvalue(k), ascending[k], 1e-14);
   mlVector v = e.eigenvector(1);  // (1, 0, 0)
   EXPECT_NEAR(std::fabs(v[0]), 1.0, 1e-14);
   double rotation[] = {0, -1, 0, 1, 0, 0, 0, 0, 2};  // eigenvalues +-i and 2
@@ -120,14 +116,12 @@ TEST(EigenSolvers, NonSymmetricThreeByThree) {
 TEST(EigenSolvers, DoubleEigenvalueSplitByRoundingCountsAsReal) {
   // P diag(-1, -1, 2) P^-1 in floating point: the decomposition returns -1 +- 1.4e-15 i.
   double m[] = {0.047926150395634748, -0.40282387793345054, 0.34915506950040254,
-                -18.691382466289742,  6.1849864288294638,  -6.2277202850717108,
-                -15.705646039597106,  6.0372663099705015,  -6.2329125792250988};
+                -18.691382466289742,  6.1849864288294638,   -6.2277202850717108,
+                -15.705646039597106,  6.0372663099705015,   -6.2329125792250988};
   mlMatrix a(utConvert{}, m, 3, 3);
   mlAsymEigenVecs3 e(a);
   ASSERT_EQ(e.n_real(), 3);
-  EXPECT_NEAR(e.eigenvalue(0), -1.0, 1e-12);
-  EXPECT_NEAR(e.eigenvalue(1), -1.0, 1e-12);
-  EXPECT_NEAR(e.eigenvalue(2), 2.0, 1e-12);
+  for (int k = 0; k < 3; ++k) EXPECT_NEAR(e.eigenvalue(k), k < 2 ? -1.0 : 2.0, 1e-12);
   // Both vectors of the double eigenvalue are eigenvectors, and they are independent.
   mlVector v0 = e.eigenvector(0), v1 = e.eigenvector(1);
   for (mlVector const& v : {v0, v1}) {

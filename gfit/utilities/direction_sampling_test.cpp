@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <vector>
 
 #include "gfit/gfit.h"
 
@@ -10,10 +11,8 @@ TEST(VectorGradient, ThreeRingsAtPointFourMakeTwentyOneDirections) {
   gfVectorGradient g(giVector3(0, 0, 2), 0.4, 3);
   EXPECT_DOUBLE_EQ(g.step_angle(), 0.1);
   EXPECT_DOUBLE_EQ(g.spot_radius(), std::tan(0.05));
-  EXPECT_EQ(g.ring(0).steps, 1);
-  EXPECT_EQ(g.ring(1).steps, 7);
-  EXPECT_EQ(g.ring(2).steps, 13);
-  EXPECT_EQ(g.total_steps(), 21);
+  EXPECT_EQ((std::vector<int>{g.ring(0).steps, g.ring(1).steps, g.ring(2).steps, g.total_steps()}),
+            (std::vector<int>{1, 7, 13, 21}));
 
   gfVectorGradientIterator it = g.iterator();
   ASSERT_EQ(it++, 1);
@@ -28,7 +27,7 @@ TEST(VectorGradient, ThreeRingsAtPointFourMakeTwentyOneDirections) {
   }
   EXPECT_EQ(walked, 21);
   EXPECT_NEAR(last_polar, 0.2, 1e-15);  // the outermost ring lies at half the angle
-  EXPECT_EQ(it++, 0);                    // stays exhausted
+  EXPECT_EQ(it++, 0);                   // stays exhausted
 }
 
 TEST(VectorGradient, RingsCoverTheirConeEvenly) {
