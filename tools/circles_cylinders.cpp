@@ -49,12 +49,7 @@ int fit_cylinder(PointTable const& t, Options const& options, JsonObject& out) {
                                                       residual, 0)
           : gfLeastSquareEvaluator::evaluate_cylinder(points, point, direction, radius, residual, guide.guess,
                                                       guide.angle, 0);
-  out.add("status", status);
-  if (status == 1)
-    out.add("point", {point.x(), point.y(), point.z()})
-        .add("direction", {direction.x(), direction.y(), direction.z()})
-        .add("radius", radius)
-        .add("residual", residual);
+  add_cylinder_result(out, status, point, direction, radius, residual);
   return status;
 }
 

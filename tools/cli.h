@@ -59,6 +59,10 @@ struct AxisGuide {
 };
 AxisGuide axis_guide(Options const& options, int points);
 
+// The status and, on success, the axis point, direction, radius and residual of a cylinder.
+void add_cylinder_result(JsonObject& out, int status, giPoint3 const& point, giUnitVec3 const& direction,
+                         double radius, double residual);
+
 // The families.
 std::vector<Element> line_plane_elements();
 std::vector<Element> circle_cylinder_elements();

@@ -50,12 +50,7 @@ int fit_probed_cylinder(PointTable const& t, Options const& options, JsonObject&
                          : gfLeastSquareEvaluator::evaluate_probed_cylinder(points, radii, inside, point, direction,
                                                                             radius, residual, guide.guess,
                                                                             guide.angle, 0);
-  out.add("status", status);
-  if (status == 1)
-    out.add("point", {point.x(), point.y(), point.z()})
-        .add("direction", {direction.x(), direction.y(), direction.z()})
-        .add("radius", radius)
-        .add("residual", residual);
+  add_cylinder_result(out, status, point, direction, radius, residual);
   return status;
 }
 

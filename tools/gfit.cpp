@@ -95,6 +95,16 @@ AxisGuide axis_guide(Options const& options, int points) {
   return guide;
 }
 
+void add_cylinder_result(JsonObject& out, int status, giPoint3 const& point, giUnitVec3 const& direction,
+                         double radius, double residual) {
+  out.add("status", status);
+  if (status == 1)
+    out.add("point", {point.x(), point.y(), point.z()})
+        .add("direction", {direction.x(), direction.y(), direction.z()})
+        .add("radius", radius)
+        .add("residual", residual);
+}
+
 }  // namespace gfit::cli
 
 namespace {
