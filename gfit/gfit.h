@@ -15,6 +15,7 @@
 #include "gfit/platform/parallel.h"
 #include "gfit/platform/point.h"
 #include "gfit/platform/random.h"
+#include "gfit/platform/report.h"
 #include "gfit/platform/shapes.h"
 #include "gfit/platform/simplex.h"
 #include "gfit/platform/shared_handle.h"

@@ -1,5 +1,7 @@
 #include "gfit/platform/parallel.h"
 
+#include "gfit/platform/report.h"
+
 #include <algorithm>
 #include <atomic>
 #include <thread>
@@ -32,12 +34,21 @@ void parallel_for(int n, int threads, std::function<void(int, int)> const& body)
     return;
   }
   std::atomic<int> next{0};
+  std::atomic<bool> const* flag = cancel_flag();
   auto run = [&](int worker) {
+    // Workers poll the cancel flag of the thread whose fit started them.
+    std::atomic<bool> const* previous = gfSetCancelFlag(flag);
     for (int i = next.fetch_add(1); i < n; i = next.fetch_add(1)) body(i, worker);
+    gfSetCancelFlag(previous);
   };
   std::vector<std::thread> pool;
-  pool.reserve(threads - 1);
-  for (int t = 1; t < threads; ++t) pool.emplace_back(run, t);
+  try {
+    pool.reserve(threads - 1);
+    for (int t = 1; t < threads; ++t) pool.emplace_back(run, t);
+  } catch (...) {
+    // A host out of threads or memory: the threads that did start and the calling thread
+    // share the work. The answer does not depend on how many there are.
+  }
   run(0);
   for (std::thread& t : pool) t.join();
 }
