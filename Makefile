@@ -50,6 +50,8 @@ demo: configure
 	@$(GFIT) deviations --cad data/bracket.step data/bracket.xyz | sed -n '1,4p;400,$$p'
 
 bench: configure
+	@scripts/install-deps --bench
+	@cmake -S . -B $(BUILD_DIR) >/dev/null
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_benchmarks
 	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done
 

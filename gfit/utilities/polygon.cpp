@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -106,6 +108,41 @@ Quadrilateral extreme_points(giPoint2 const* p, int n) {
   return {{p[low], p[right], p[high], p[left]}};
 }
 
+// Indices ordered by ascending non-negative double keys, equal keys in the order given: a
+// stable least-significant-digit radix sort on the keys' bit patterns (monotonic for
+// non-negative doubles), 11 bits per pass, passes whose digit is the same for every key
+// skipped. Linear in n, with one buffer per array for the whole sort.
+void radix_sort_by_key(std::vector<std::uint64_t>& keys, std::vector<int>& items) {
+  const size_t n = keys.size();
+  std::vector<std::uint64_t> key_buffer(n);
+  std::vector<int> item_buffer(n);
+  std::vector<size_t> count(2048);
+  for (int shift = 0; shift < 64; shift += 11) {
+    std::fill(count.begin(), count.end(), 0);
+    for (std::uint64_t k : keys) ++count[(k >> shift) & 2047u];
+    if (count[(keys[0] >> shift) & 2047u] == n) continue;
+    size_t sum = 0;
+    for (size_t& c : count) {
+      size_t here = c;
+      c = sum;
+      sum += here;
+    }
+    for (size_t i = 0; i < n; ++i) {
+      size_t to = count[(keys[i] >> shift) & 2047u]++;
+      key_buffer[to] = keys[i];
+      item_buffer[to] = items[i];
+    }
+    keys.swap(key_buffer);
+    items.swap(item_buffer);
+  }
+}
+
+std::uint64_t key_bits(double angle) {
+  std::uint64_t bits;
+  std::memcpy(&bits, &angle, sizeof bits);
+  return bits;
+}
+
 bool segments_intersect(giPoint2 const& a, giPoint2 const& b, giPoint2 const& c, giPoint2 const& d) {
   return ccw(a, b, c, 0.0) * ccw(a, b, d, 0.0) <= 0 && ccw(c, d, a, 0.0) * ccw(c, d, b, 0.0) <= 0;
 }
@@ -131,25 +168,30 @@ void gf_calculate_convex_hull(giPoint2coDynArr const& points, giPoint2coDynArr& 
   const int low = lowest_point(p, n);
   const giPoint2 anchor = p[low];
   const Quadrilateral quad = extreme_points(p, n);
-  // The simplest closed path about the anchor, on precomputed keys and with a comparator
-  // the compiler sees (pseudo-angle, then squared distance: the order of
-  // gfCompareForSimplestClosedPath).
-  struct Keyed {
-    double angle, distance;
-    giPoint2 point;
-  };
-  std::vector<Keyed> keyed;
-  keyed.reserve(static_cast<size_t>(n));
+  // The simplest closed path about the anchor (the order of gfCompareForSimplestClosedPath):
+  // by pseudo-angle, then nearer first among equal angles.
+  std::vector<std::uint64_t> keys;
+  std::vector<int> order;
+  keys.reserve(static_cast<size_t>(n));
+  order.reserve(static_cast<size_t>(n));
   for (int i = 0; i < n; ++i)
-    if (i != low && !quad.strictly_inside(p[i]))
-      keyed.push_back({pseudo_angle(anchor, p[i]), anchor.squared_distance(p[i]), p[i]});
-  std::sort(keyed.begin(), keyed.end(), [](Keyed const& a, Keyed const& b) {
-    return a.angle < b.angle || (a.angle == b.angle && a.distance < b.distance);
-  });
+    if (i != low && !quad.strictly_inside(p[i])) {
+      keys.push_back(key_bits(pseudo_angle(anchor, p[i])));
+      order.push_back(i);
+    }
   std::vector<giPoint2> path;
-  path.reserve(keyed.size() + 1);
+  path.reserve(order.size() + 1);
   path.push_back(anchor);
-  for (Keyed const& k : keyed) path.push_back(k.point);
+  if (!order.empty()) {
+    radix_sort_by_key(keys, order);
+    for (size_t a = 0, b; a < order.size(); a = b) {
+      for (b = a + 1; b < order.size() && keys[b] == keys[a];) ++b;
+      if (b - a > 1)
+        std::sort(order.begin() + a, order.begin() + b,
+                  [&](int i, int j) { return anchor.squared_distance(p[i]) < anchor.squared_distance(p[j]); });
+    }
+    for (int i : order) path.push_back(p[i]);
+  }
   auto same = [](giPoint2 const& q) -> giPoint2 const& { return q; };
   int kept = drop_consecutive_duplicates(path.data(), static_cast<int>(path.size()), same);
   int count = graham_scan(path.data(), kept, same);
@@ -166,14 +208,19 @@ void gf_calculate_convex_hull(giPoint2coDynArr const& points, intcoDynArr& indic
   const Quadrilateral quad = extreme_points(p, n);
   // Keyed by pseudo-angle alone, equal keys in index order (the order of the stable index
   // sort over all points; dropping interior points does not change it).
-  std::vector<std::pair<double, int>> keyed;
-  keyed.reserve(static_cast<size_t>(n));
+  std::vector<std::uint64_t> keys;
+  std::vector<int> kept_indices;
+  keys.reserve(static_cast<size_t>(n));
+  kept_indices.reserve(static_cast<size_t>(n));
   for (int i = 0; i < n; ++i)
-    if (i == low || !quad.strictly_inside(p[i])) keyed.emplace_back(i == low ? 0.0 : pseudo_angle(p[low], p[i]), i);
-  std::sort(keyed.begin(), keyed.end());
+    if (i == low || !quad.strictly_inside(p[i])) {
+      keys.push_back(key_bits(i == low ? 0.0 : pseudo_angle(p[low], p[i])));
+      kept_indices.push_back(i);
+    }
+  radix_sort_by_key(keys, kept_indices);
   intcoDynArr order;
-  order.reserve(static_cast<int>(keyed.size()));
-  for (auto const& k : keyed) order.append(k.second);
+  order.reserve(static_cast<int>(kept_indices.size()));
+  for (int i : kept_indices) order.append(i);
   auto point_of = [p](int i) -> giPoint2 const& { return p[i]; };
   int kept = drop_consecutive_duplicates(order.data(), order.count(), point_of);
   order.shrink(graham_scan(order.data(), kept, point_of), 0);
