@@ -167,6 +167,9 @@ TEST(MinMaxCircleFit, MinimumZoneEqualsExhaustiveSearch) {
       double width = -1.0, zero_width = -1.0, equal_width = -1.0;
       giCircle2 c = gfMinMaxCircleFit::fit(p, width);
       EXPECT_NEAR(width, reference, 1e-9 * reference) << z.name;
+      double again = -1.0;
+      giCircle2 second = gfMinMaxCircleFit::fit(p, again);  // the same bits on every run
+      EXPECT_TRUE(again == width && second.centre() == c.centre() && second.radius() == c.radius()) << z.name;
       EXPECT_NEAR(width, width_at(p, c.centre()), 1e-12) << z.name;
       EXPECT_TRUE(contacts_alternate(p, std::vector<double>(p.size(), 0.0), c.centre(), 1e-11)) << z.name;
       gfMinMaxCircleFit::fit_probed(p, std::vector<double>(p.size(), 0.0), false, zero_width);
@@ -175,6 +178,21 @@ TEST(MinMaxCircleFit, MinimumZoneEqualsExhaustiveSearch) {
       EXPECT_NEAR(equal_width, reference, 1e-9 * reference) << z.name;
       EXPECT_NEAR(equal.radius(), c.radius() + 0.75, 1e-9) << z.name;
     }
+}
+
+// A million units from the origin the centre itself rounds to 1.2e-10, so the width can
+// only follow the exhaustive search (made on the points moved next to the origin) to a
+// few times that.
+TEST(MinMaxCircleFit, MinimumZoneFarFromTheOrigin) {
+  Rng rng(17);
+  for (double span : {2 * M_PI, M_PI}) {
+    Points near = zone_profile({"", 30, 3, 0.004, 0.002, span, false}, rng, giPoint2(0.0, 0.0));
+    Points far;
+    for (giPoint2 const& q : near) far.push_back(giPoint2(q.x() + 1e6, q.y() - 2e6));
+    double width = -1.0;
+    gfMinMaxCircleFit::fit(far, width);
+    EXPECT_NEAR(width, brute_force_width(near), 1e-9) << span;
+  }
 }
 
 // Probe radii that differ point to point: no move of the centre on a fine pattern narrows
