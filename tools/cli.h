@@ -63,6 +63,10 @@ AxisGuide axis_guide(Options const& options, int points);
 void add_cylinder_result(JsonObject& out, int status, giPoint3 const& point, giUnitVec3 const& direction,
                          double radius, double residual);
 
+// The measure of how well the points determine a fitted element, printed as
+// "distribution_quality" by the fits of the elements that have one.
+using Quality = gfLeastSquareDistributionQuality;
+
 // The families.
 std::vector<Element> line_plane_elements();
 std::vector<Element> circle_cylinder_elements();
