@@ -80,4 +80,8 @@ std::vector<Element> torus_elements();
 // (built with gfit::cad only).
 int run_deviations(std::vector<std::string> const& args);
 
+// `gfit affine PAIRS`: the least-squares affine map taking the first point of each pair onto
+// the second (gfPointsAffineMatch), as JSON.
+int run_affine(std::vector<std::string> const& args);
+
 }  // namespace gfit::cli
