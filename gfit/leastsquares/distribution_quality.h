@@ -24,7 +24,8 @@
 //     circle, circle2, circle3  0.708   (a full circle gives 1/sqrt(2))
 //     sphere                    0.578   (a full sphere gives 1/sqrt(3))
 //     cylinder                  0.26    (three rings over a length of two radii: 0.258)
-//     cone                      0.15    (a 90 degree cone sampled from apex to base: 0.150)
+//     cone                      0.15    (a 90 degree cone on 11 evenly spaced rings from apex
+//                                        to base: 0.150; densely sampled flanks 0.14 to 0.17)
 //     torus                     0.51    (any full torus: 0.500)
 //     probed cylinder           0.177
 //     ellipse, probed circle, probed cone: undivided.

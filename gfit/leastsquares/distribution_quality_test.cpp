@@ -5,7 +5,6 @@
 #include <cmath>
 #include <functional>
 #include <limits>
-#include <memory>
 #include <vector>
 
 #include "gfit/gfit.h"
@@ -47,21 +46,18 @@ giPoint3coDynArr cap(double z_min, int n) {
 giPoint3coDynArr rings(std::vector<double> const& heights, std::function<double(double)> radius) {
   giPoint3coDynArr p;
   for (double z : heights)
-    for (int i = 0; i < 36; ++i) p.append(giPoint3(radius(z) * std::cos(i * kPi / 18), radius(z) * std::sin(i * kPi / 18), z));
+    for (int i = 0; i < 36; ++i) {
+      const double a = i * kPi / 18;
+      p.append(giPoint3(radius(z) * std::cos(a), radius(z) * std::sin(a), z));
+    }
   return p;
 }
 
-std::vector<double> spaced(double from, double to, int count) {
-  std::vector<double> v;
-  for (int i = 0; i < count; ++i) v.push_back(from + (to - from) * i / (count - 1));
-  return v;
-}
-
-// A cone with apex at the origin, axis +z towards the apex, sampled on 11 rings at slant
-// distances spaced over [near, far].
+// A cone with apex at the origin and axis +z towards it, on 11 rings at slant distances
+// evenly spaced over [near, far].
 giPoint3coDynArr cone_rings(double half_angle, double near, double far) {
   std::vector<double> heights;
-  for (double s : spaced(near, far, 11)) heights.push_back(-s * std::cos(half_angle));
+  for (int i = 0; i <= 10; ++i) heights.push_back(-(near + (far - near) * i / 10) * std::cos(half_angle));
   return rings(heights, [&](double z) { return -z * std::tan(half_angle); });
 }
 
@@ -170,7 +166,7 @@ TEST(DistributionQuality, CalibrationPointsAndCoverage) {
 // given by the test.
 double reference(mlDistanceLeastSquares& problem, mlVector const& x, mlVector const& scales, int k) {
   const int m = x.size(), n = problem.n_points();
-  std::vector<double> jac(static_cast<size_t>(n) * m);
+  std::vector<double> jac(n * m);
   for (int j = 0; j < m; ++j) {
     const double h = 1e-6 * std::fmax(1.0, std::fabs(x[j]));
     mlVector xp = x, xm = x;
@@ -182,39 +178,32 @@ double reference(mlDistanceLeastSquares& problem, mlVector const& x, mlVector co
       problem.get_distance(dp, i);
       problem.set_parameters(xm);
       problem.get_distance(dm, i);
-      jac[static_cast<size_t>(i) * m + j] = (dp - dm) / (2 * h) / scales[j];
+      jac[i * m + j] = (dp - dm) / (2 * h) / scales[j];
     }
   }
   mlMatrix normal(m, m);
   for (int i = 0; i < n; ++i)
     for (int a = 0; a < m; ++a)
-      for (int b = 0; b < m; ++b) normal(a, b) += jac[static_cast<size_t>(i) * m + a] * jac[static_cast<size_t>(i) * m + b] / n;
+      for (int b = 0; b < m; ++b) normal(a, b) += jac[i * m + a] * jac[i * m + b] / n;
   return std::sqrt(mlSymEigenVecs(normal).eigenvalue(m - k));
 }
 
 TEST(DistributionQuality, AgreesWithFiniteDifferenceReference) {
   Rng rng(11);
   const giPoint3 far(400, -250, 900);
-  const giUnitVec3 axis(1, -2, 2);
-  // A noisy half cylinder, a noisy cone flank and a noisy part of a torus, far from the
-  // origin; an ellipse arc.
-  const giPoint3coDynArr cyl = gfit::testing::sample_cylinder(rng, far, axis, 12, 20, 0.3, 3.5, 400, 1e-3);
-  const giPoint3coDynArr cone = gfit::testing::sample_cone(rng, far, axis, 0.4, 5, 30, 0, 4, 400, 1e-3);
-  const giPoint3coDynArr tor = gfit::testing::sample_torus(rng, far, axis, 30, 6, 0, 4, -1, 3, 400, 1e-3);
+  const giUnitVec3 u(1, -2, 2);
+  // Noisy partial cylinder, cone flank and torus far from the origin, and an ellipse arc.
+  const giPoint3coDynArr cyl = gfit::testing::sample_cylinder(rng, far, u, 12, 20, 0.3, 3.5, 400, 1e-3);
+  const giPoint3coDynArr cone = gfit::testing::sample_cone(rng, far, u, 0.4, 5, 30, 0, 4, 400, 1e-3);
+  const giPoint3coDynArr tor = gfit::testing::sample_torus(rng, far, u, 30, 6, 0, 4, -1, 3, 400, 1e-3);
   const giPoint2coDynArr ell = gfit::testing::sample_ellipse2(&rng, giPoint2(50, -20), 9, 4, 0.3, 0.2, 4, 300, 1e-3);
-
-  double lo = 1e300, hi = 0;
-  for (giPoint3 const& q : cyl) {
-    lo = std::fmin(lo, axis.dot(q - far));
-    hi = std::fmax(hi, axis.dot(q - far));
-  }
-  const double lc = std::sqrt((hi - lo) * (hi - lo) + 144);
-  double lk = 0;
-  for (giPoint3 const& q : cone) lk = std::fmax(lk, q.distance(far));
-  // The cylinder's axis point at the foot of the centroid, as the measure places it.
-  const giPoint3 c = gfit::detail::mean_of(cyl.data(), cyl.count());
-  const giPoint3 foot = far + axis * axis.dot(c - far);
-
+  // The scales: the cylinder's extent along the axis and radius, the cone's reach from the
+  // apex. The cylinder's axis point at the centroid's foot, where the measure puts it.
+  double lo = 1e300, hi = -1e300, reach = 0;
+  for (giPoint3 const& q : cyl) lo = std::fmin(lo, u.dot(q - far)), hi = std::fmax(hi, u.dot(q - far));
+  for (giPoint3 const& q : cone) reach = std::fmax(reach, q.distance(far));
+  const double lc = std::sqrt((hi - lo) * (hi - lo) + 144), lk = reach;
+  const giPoint3 foot = far + u * u.dot(gfit::detail::mean_of(cyl.data(), cyl.count()) - far);
   gfLeastSquareCylinder pc(cyl);
   gfLeastSquareCone pk(cone);
   gfLeastSquareTorus pt(tor);
@@ -223,14 +212,13 @@ TEST(DistributionQuality, AgreesWithFiniteDifferenceReference) {
     char const* name;
     double value, expected;
   } cases[] = {
-      {"cylinder", 0.26 * Q::distribution_quality_cylinder(cyl, far + axis * 55.0, axis, 12),
-       reference(pc, {foot.x(), foot.y(), foot.z(), axis.x(), axis.y(), axis.z(), 12}, {1, 1, 1, lc, lc, lc, 1}, 5)},
-      {"cone", 0.15 * Q::distribution_quality_cone(cone, far, axis, 0.4),
-       reference(pk, {far.x(), far.y(), far.z(), axis.x(), axis.y(), axis.z(), 0, 0.4},
+      {"cylinder", 0.26 * Q::distribution_quality_cylinder(cyl, far + u * 55.0, u, 12),
+       reference(pc, {foot.x(), foot.y(), foot.z(), u.x(), u.y(), u.z(), 12}, {1, 1, 1, lc, lc, lc, 1}, 5)},
+      {"cone", 0.15 * Q::distribution_quality_cone(cone, far, u, 0.4),
+       reference(pk, {far.x(), far.y(), far.z(), u.x(), u.y(), u.z(), 0, 0.4},
                  {1, 1, 1, lk, lk, lk, 1 / std::sin(0.4), lk}, 6)},
-      {"torus", 0.51 * Q::distribution_quality_torus(tor, far, axis, 30, 6),
-       reference(pt, {far.x(), far.y(), far.z(), axis.x(), axis.y(), axis.z(), 30, 6}, {1, 1, 1, 30, 30, 30, 1, 1},
-                 7)},
+      {"torus", 0.51 * Q::distribution_quality_torus(tor, far, u, 30, 6),
+       reference(pt, {far.x(), far.y(), far.z(), u.x(), u.y(), u.z(), 30, 6}, {1, 1, 1, 30, 30, 30, 1, 1}, 7)},
       {"ellipse", Q::distribution_quality_ellipse(ell, giPoint2(50, -20), 9, 4, 0.3),
        reference(pe, {9, 4, 50, -20, 0.3}, {1, 1, 1, 1, std::sqrt(97.0)}, 5)},
   };
@@ -240,122 +228,92 @@ TEST(DistributionQuality, AgreesWithFiniteDifferenceReference) {
   }
 }
 
-// ---- invariance and reproducibility -----------------------------------------------------
-
-struct Element {
-  giPoint3 point;
-  giUnitVec3 axis;
-};
+// ---- invariance, reproducibility, degenerate data and refusals --------------------------
 
 TEST(DistributionQuality, InvariantToScaleRigidMotionAndPointOrder) {
   Rng rng(5);
   const giPoint3 p(1, 2, 3);
   const giUnitVec3 u(0.3, -0.4, 1);
-  const giPoint3coDynArr cyl = gfit::testing::sample_cylinder(rng, p, u, 4, 6, 0.5, 4, 300, 1e-3);
-  const giPoint3coDynArr cone = gfit::testing::sample_cone(rng, p, u, 0.5, 1, 8, 0, 5, 300, 1e-3);
-  const giPoint3coDynArr tor = gfit::testing::sample_torus(rng, p, u, 7, 2, 0, 5, 0, 4, 300, 1e-3);
-  using Measure = std::function<double(giPoint3coDynArr const&, Element const&, double)>;
+  // (points, apex or axis point, axis, unit of length) -> measure
+  using Measure = std::function<double(giPoint3coDynArr const&, giPoint3 const&, giUnitVec3 const&, double)>;
   struct Case {
     char const* name;
-    giPoint3coDynArr const& points;
+    giPoint3coDynArr points;
     Measure measure;
   } cases[] = {
-      {"cylinder", cyl, [](auto& q, Element const& e, double s) { return Q::distribution_quality_cylinder(q, e.point, e.axis, 4 * s); }},
-      {"probed cylinder", cyl,
-       [](auto& q, Element const& e, double s) {
-         return Q::distribution_quality_probed_cylinder(q, constant(q.count(), 0.2 * s), 0, e.point, e.axis, 4 * s);
-       }},
-      {"cone", cone, [](auto& q, Element const& e, double) { return Q::distribution_quality_cone(q, e.point, e.axis, 0.5); }},
-      {"torus", tor, [](auto& q, Element const& e, double s) { return Q::distribution_quality_torus(q, e.point, e.axis, 7 * s, 2 * s); }},
+      {"cylinder", gfit::testing::sample_cylinder(rng, p, u, 4, 6, 0.5, 4, 300, 1e-3),
+       [](auto& q, auto& a, auto& d, double s) { return Q::distribution_quality_cylinder(q, a, d, 4 * s); }},
+      {"cone", gfit::testing::sample_cone(rng, p, u, 0.5, 1, 8, 0, 5, 300, 1e-3),
+       [](auto& q, auto& a, auto& d, double) { return Q::distribution_quality_cone(q, a, d, 0.5); }},
+      {"torus", gfit::testing::sample_torus(rng, p, u, 7, 2, 0, 5, 0, 4, 300, 1e-3),
+       [](auto& q, auto& a, auto& d, double s) { return Q::distribution_quality_torus(q, a, d, 7 * s, 2 * s); }},
   };
   const giXform3 motion = giXform3(giXformTranslate{}, giVector3(1000, -2000, 500)) *
                           giXform3(giXformRotate{}, giPoint3(0, 0, 0), giUnitVec3(2, 1, -1), giAngle(2.1));
   const giXform3 scale(giXformScale{}, 1000, 1000, 1000);
   for (Case const& c : cases) {
-    const double q = c.measure(c.points, {p, u}, 1.0);
+    const double q = c.measure(c.points, p, u, 1.0);
     EXPECT_GT(q, 0.05) << c.name;
-    EXPECT_EQ(q, c.measure(c.points, {p, u}, 1.0)) << c.name << ": same input, same bits";
-    EXPECT_NEAR(c.measure(reversed(c.points), {p, u}, 1.0), q, 1e-9 * q) << c.name << ": order";
+    EXPECT_EQ(q, c.measure(c.points, p, u, 1.0)) << c.name << ": same input, same bits";
+    EXPECT_NEAR(c.measure(reversed(c.points), p, u, 1.0), q, 1e-9 * q) << c.name << ": order";
     giPoint3coDynArr moved, scaled;
     for (giPoint3 const& x : c.points) {
       moved.append(motion.transform(x));
       scaled.append(scale.transform(x));
     }
-    EXPECT_NEAR(c.measure(moved, {motion.transform(p), giUnitVec3(motion.transform(giVector3(u)))}, 1.0), q, 1e-9 * q)
-        << c.name << ": rigid motion";
-    EXPECT_NEAR(c.measure(scaled, {scale.transform(p), u}, 1000.0), q, 1e-9 * q) << c.name << ": scale";
+    const giUnitVec3 turned(motion.transform(giVector3(u)));
+    EXPECT_NEAR(c.measure(moved, motion.transform(p), turned, 1.0), q, 1e-9 * q) << c.name << ": rigid motion";
+    EXPECT_NEAR(c.measure(scaled, scale.transform(p), u, 1000.0), q, 1e-9 * q) << c.name << ": scale";
   }
   // Where the caller's point lies on the cylinder's axis does not matter.
-  const double q = Q::distribution_quality_cylinder(cyl, p, u, 4);
-  EXPECT_NEAR(Q::distribution_quality_cylinder(cyl, p + u * 1000.0, u, 4), q, 1e-9 * q);
+  const double q = Q::distribution_quality_cylinder(cases[0].points, p, u, 4);
+  EXPECT_NEAR(Q::distribution_quality_cylinder(cases[0].points, p + u * 1000.0, u, 4), q, 1e-9 * q);
 }
 
-// ---- degenerate data and refusals -------------------------------------------------------
+// A measure and the reason recorded right after it.
+struct Outcome {
+  double value;
+  gfReason reason;
+};
+Outcome outcome(double value) { return {value, gfLastReason()}; }
 
-TEST(DistributionQuality, DegenerateDataGiveZero) {
-  const giPoint3coDynArr two{giPoint3(1, 0, 0), giPoint3(0, 1, 0)};
-  const giPoint2coDynArr two2{giPoint2(1, 0), giPoint2(0, 1)};
-  const giPoint3 o(0, 0, 0);
-  const giUnitVec3 z(0, 0, 1);
-  const doublecoDynArr r2 = constant(2, 0.1);
-  const double two_points[] = {
-      Q::distribution_quality_circle(two2, giPoint2(0, 0), 1),
-      Q::distribution_quality_circle2(o, z, two, o, 1),
-      Q::distribution_quality_circle3(two, o, z, 1),
-      Q::distribution_quality_sphere(two, o, 1),
-      Q::distribution_quality_cylinder(two, o, z, 1),
-      Q::distribution_quality_cone(two, o, z, 0.5),
-      Q::distribution_quality_torus(two, o, z, 2, 1),
-      Q::distribution_quality_ellipse(two2, giPoint2(0, 0), 1, 1, 0),
-      Q::distribution_quality_probed_circle(two2, r2, 0, giPoint2(0, 0), 1),
-      Q::distribution_quality_probed_cylinder(two, r2, 0, o, z, 1),
-      Q::distribution_quality_probed_cone(two, r2, 0, two, o, z, 0.5),
-      Q::distribution_quality_plane(two, o, z),
-  };
-  for (double q : two_points) EXPECT_EQ(q, 0.0);
-  EXPECT_EQ(gfLastReason(), gfReason::too_few_points);
-  // One ring leaves the axis's tilt free; fewer points than independent parameters too.
-  EXPECT_LT(Q::distribution_quality_cylinder(rings({3}, [](double) { return 2.0; }), o, z, 2), 1e-6);
+TEST(DistributionQuality, DegenerateDataAndBadInputGiveZeroWithAReason) {
+  const giPoint3coDynArr good = rings({0, 1}, [](double) { return 1.0; }), two{giPoint3(1, 0, 0), giPoint3(0, 1, 0)};
   const giPoint3coDynArr four{giPoint3(1, 0, 0), giPoint3(0, 1, 0), giPoint3(-1, 0, 1), giPoint3(0, -1, 2)};
-  EXPECT_EQ(Q::distribution_quality_cylinder(four, o, z, 1), 0.0);
-}
-
-TEST(DistributionQuality, RefusesBadInputWithItsReason) {
-  const giPoint3coDynArr good = rings({0, 1}, [](double) { return 1.0; });
   giPoint3coDynArr nan = good;
   nan[3] = giPoint3(0, std::numeric_limits<double>::quiet_NaN(), 0);
   const giPoint3 o(0, 0, 0);
   const giUnitVec3 z(0, 0, 1), unset;
-  const double inf = std::numeric_limits<double>::infinity();
+  const doublecoDynArr radii = constant(good.count(), 0.1);
   struct Case {
     char const* name;
-    std::function<double()> call;
+    Outcome got;
     gfReason reason;
   } cases[] = {
-      {"NaN point", [&] { return Q::distribution_quality_sphere(nan, o, 1); }, gfReason::non_finite_input},
-      {"NaN point, line", [&] { return Q::distribution_quality_line3(nan, o, z); }, gfReason::non_finite_input},
-      {"NaN point, plane", [&] { return Q::distribution_quality_plane(nan, o, z); }, gfReason::non_finite_input},
-      {"infinite radius", [&] { return Q::distribution_quality_cylinder(good, o, z, inf); }, gfReason::non_finite_input},
-      {"unset axis", [&] { return Q::distribution_quality_cylinder(good, o, unset, 1); }, gfReason::invalid_argument},
-      {"unset normal", [&] { return Q::distribution_quality_circle3(good, o, unset, 1); }, gfReason::invalid_argument},
-      {"flat cone", [&] { return Q::distribution_quality_cone(good, o, z, kPi / 2); }, gfReason::invalid_argument},
-      {"zero semi-axis",
-       [&] { return Q::distribution_quality_ellipse(giPoint2coDynArr{giPoint2(1, 0), giPoint2(0, 1), giPoint2(-1, 0)},
-                                                    giPoint2(0, 0), 1, 0, 0); },
+      {"two points, sphere", outcome(Q::distribution_quality_sphere(two, o, 1)), gfReason::too_few_points},
+      {"four points, cylinder", outcome(Q::distribution_quality_cylinder(four, o, z, 1)), gfReason::none},
+      {"NaN point", outcome(Q::distribution_quality_torus(nan, o, z, 2, 1)), gfReason::non_finite_input},
+      {"infinite radius", outcome(Q::distribution_quality_cylinder(good, o, z, HUGE_VAL)), gfReason::non_finite_input},
+      {"unset axis", outcome(Q::distribution_quality_cylinder(good, o, unset, 1)), gfReason::invalid_argument},
+      {"flat cone", outcome(Q::distribution_quality_cone(good, o, z, kPi / 2)), gfReason::invalid_argument},
+      {"zero semi-axis", outcome(Q::distribution_quality_ellipse(arc(90, 5), giPoint2(3, -1), 2, 0, 0)),
        gfReason::invalid_argument},
-      {"radii short",
-       [&] { return Q::distribution_quality_probed_cylinder(good, constant(5, 0.1), 0, o, z, 1); },
+      {"radii short", outcome(Q::distribution_quality_probed_cylinder(good, constant(5, 0.1), 0, o, z, 1)),
        gfReason::bad_companion_array},
-      {"negative radius",
-       [&] { return Q::distribution_quality_probed_cone(good, constant(good.count(), -0.1), 0, good, o, z, 0.5); },
+      {"negative radius", outcome(Q::distribution_quality_probed_cone(good, constant(good.count(), -0.1), 0, good, o,
+                                                                      z, 0.5)),
        gfReason::bad_probe_radius},
   };
   for (Case const& c : cases) {
-    EXPECT_EQ(c.call(), 0.0) << c.name;
-    EXPECT_EQ(gfLastReason(), c.reason) << c.name;
+    EXPECT_EQ(c.got.value, 0.0) << c.name;
+    EXPECT_EQ(c.got.reason, c.reason) << c.name;
   }
-  EXPECT_GT(Q::distribution_quality_sphere(good, o, 1), 0.0);
+  // One ring leaves the axis's tilt free; a usable call clears an earlier reason.
+  EXPECT_LT(Q::distribution_quality_probed_cylinder(rings({3}, [](double) { return 2.0; }), constant(36, 0.1), 1, o, z,
+                                                    2),
+            1e-6);
   EXPECT_EQ(gfLastReason(), gfReason::none);
+  EXPECT_GT(Q::distribution_quality_probed_cone(good, radii, 0, good, o, z, 0.5), 0.0);
 }
 
 }  // namespace
