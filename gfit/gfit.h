@@ -44,6 +44,7 @@
 #include "gfit/leastsquares/cone.h"
 #include "gfit/leastsquares/cylinder.h"
 #include "gfit/leastsquares/direct_fit.h"
+#include "gfit/leastsquares/distribution_quality.h"
 #include "gfit/leastsquares/ellipse.h"
 #include "gfit/leastsquares/evaluator.h"
 #include "gfit/leastsquares/probed.h"
@@ -58,3 +59,6 @@
 #include "gfit/extremal/containment_cone.h"
 #include "gfit/extremal/inscribed.h"
 #include "gfit/extremal/minmax.h"
+
+// alignment
+#include "gfit/alignment/affine_match.h"

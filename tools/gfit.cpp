@@ -3,6 +3,7 @@
 //   gfit fit <element> FILE [options]    FILE holds one point per line ('-': standard input)
 //   gfit elements                        lists the elements and their options
 //   gfit deviations --cad PART POINTS    deviations of the points from a CAD part (CSV or --json)
+//   gfit affine PAIRS                    the affine map between corresponding points
 //
 // The result is one JSON object on standard output: the element, the status (1 fitted,
 // 0 not), its parameters, the RMS residual and the number of points. Unreadable input, a
@@ -132,6 +133,7 @@ void usage(std::ostream& os) {
         "       gfit deviations --cad PART.step POINTS [--radius R] [--json]\n"
         "                                          deviations of the points from a CAD part\n"
 #endif
+        "       gfit affine PAIRS                  affine map taking x y [z] onto x' y' [z'] (one pair per line)\n"
         "Points: one per line, coordinates separated by spaces or commas, '#' starts a comment.\n";
 }
 
@@ -218,6 +220,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (args[0] == "fit") return run_fit(std::vector<std::string>(args.begin() + 1, args.end()));
+  if (args[0] == "affine") return run_affine(std::vector<std::string>(args.begin() + 1, args.end()));
 #ifdef GFIT_CLI_CAD
   if (args[0] == "deviations") return run_deviations(std::vector<std::string>(args.begin() + 1, args.end()));
 #endif

@@ -106,7 +106,9 @@ double mlDistanceLeastSquares::point_distribution_quality(mlVector const& parame
   const int m = n_parameters_, n = n_points_;
   const int k = n_independent_parameters();
   set_parameters(parameters);
-  if (n == 0 || k < 1 || k > m) return 0.0;
+  // Fewer points than independent parameters leave some combination free: the k-th
+  // singular value is zero in exact arithmetic, so say so rather than return rounding.
+  if (k < 1 || k > m || n < k) return 0.0;
   TriangularAccumulator acc(m + 1);
   std::vector<double> squares(kBlock);
   accumulate(*this, acc, squares.data());
