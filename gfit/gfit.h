@@ -61,4 +61,5 @@
 #include "gfit/extremal/minmax.h"
 
 // alignment
+#include "gfit/alignment/points_to_planes.h"
 #include "gfit/alignment/points_to_points.h"
