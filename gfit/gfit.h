@@ -63,3 +63,4 @@
 // alignment
 #include "gfit/alignment/points_to_planes.h"
 #include "gfit/alignment/points_to_points.h"
+#include "gfit/alignment/surface_bestfit.h"

@@ -270,7 +270,7 @@ int gfPointsToPlanes::solve_step(Freedom freedom, giXform3& step) {
       number += (lower_set(lo) ? 1 : 0) + (upper_set(up) ? 1 : 0);
     }
     mlConstrainedQuadraticMinimiser qp;
-    qp.reserve(k, 2 * n);
+    qp.reserve(k, 2 * n + 12);
     Eigen::VectorXd y(k), row(k);
     for (int round = 0;; ++round) {
       qp.set_problem(k, hy.data(), gy.data());  // hy is symmetric: storage order does not matter
@@ -294,14 +294,27 @@ int gfPointsToPlanes::solve_step(Freedom freedom, giXform3& step) {
           ++number;
         }
       }
+      // The step's trust region: no unknown moves the points by more than the RMS lever arm
+      // (a translation larger than the part, a turn beyond a radian). It is never active on
+      // a sensible step, but it keeps nearly opposite limits (two faces measured too thick,
+      // whose rows differ only by rounding) from being met by an absurd turn: the programme
+      // then sees them as contradictory. Its rows carry negative ids and are never reported.
+      for (int u = 0; u < 6; ++u) {
+        row = basis.row(u).transpose();
+        Eigen::VectorXd neg = -row;
+        qp.add_inequality(row.data(), -lever, -1 - 2 * u);
+        qp.add_inequality(neg.data(), -lever, -2 - 2 * u);
+      }
       auto status = qp.solve(y.data());
       if (status == mlConstrainedQuadraticMinimiser::ok) break;
       if (status == mlConstrainedQuadraticMinimiser::not_convex)
         return refuse(gfReason::not_determined, "the points do not determine the step");
-      if (status != mlConstrainedQuadraticMinimiser::infeasible || qp.contradictory_constraints().count() == 0 ||
-          round + 1 >= max_removal_rounds)
+      intcoDynArr named(0, 8);
+      for (int id : qp.contradictory_constraints())
+        if (id >= 0) named.append(id);
+      if (status != mlConstrainedQuadraticMinimiser::infeasible || named.count() == 0 || round + 1 >= max_removal_rounds)
         return refuse(gfReason::no_convergence, "the tolerance limits could not be resolved");
-      mlConstrainedQuadraticMinimiser::append_constraint_indices(removed, qp.contradictory_constraints());
+      mlConstrainedQuadraticMinimiser::append_constraint_indices(removed, named);
     }
     overdetermined_ = removed;
     x = x0 + basis * y;

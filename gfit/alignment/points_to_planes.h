@@ -33,7 +33,9 @@
 // Every finite limit is numbered in arrival order, lower before upper, over the calls of
 // `add_bestfit`. A record with lo > up reports both its numbers at once and leaves both out.
 // When the limits contradict each other, the programme's certificate names them; they are
-// left out and the programme solved again (at most six rounds). The step is still returned,
+// left out and the programme solved again (at most six rounds). A trust region bounds each
+// unknown's movement by the RMS lever arm, so that limits which only an absurd step could
+// reconcile (rows that are opposite up to rounding) are reported as contradictory too. The step is still returned,
 // and `overdetermined_constraints()` lists the numbers left out, ascending.
 //
 // The step is exactly rigid: R is the rotation by |omega| about omega (Rodrigues), composed
