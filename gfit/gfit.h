@@ -22,6 +22,7 @@
 #include "gfit/platform/shared_handle.h"
 #include "gfit/platform/sort.h"
 #include "gfit/platform/svd.h"
+#include "gfit/platform/unit_vector_differentiator.h"
 #include "gfit/platform/utilities.h"
 #include "gfit/platform/workplane.h"
 #include "gfit/platform/xform.h"
