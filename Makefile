@@ -48,6 +48,8 @@ demo: configure
 	@$(GFIT) fit minmax-circle data/roundness.xy
 	@echo "== deviations of data/bracket.xyz from the CAD part data/bracket.step (first and last rows, summary)"
 	@$(GFIT) deviations --cad data/bracket.step data/bracket.xyz | sed -n '1,4p;400,$$p'
+	@echo "== align the displaced probe set data/bracket-displaced.xyz to data/bracket.step (transform, last rows, summary)"
+	@$(GFIT) align --cad data/bracket.step data/bracket-displaced.xyz | sed -n '1,7p;400,$$p'
 
 bench: configure
 	@scripts/install-deps --bench

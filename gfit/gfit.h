@@ -14,6 +14,7 @@
 #include "gfit/platform/pagearr.h"
 #include "gfit/platform/parallel.h"
 #include "gfit/platform/point.h"
+#include "gfit/platform/quadratic_minimiser.h"
 #include "gfit/platform/random.h"
 #include "gfit/platform/report.h"
 #include "gfit/platform/shapes.h"
@@ -21,6 +22,7 @@
 #include "gfit/platform/shared_handle.h"
 #include "gfit/platform/sort.h"
 #include "gfit/platform/svd.h"
+#include "gfit/platform/unit_vector_differentiator.h"
 #include "gfit/platform/utilities.h"
 #include "gfit/platform/workplane.h"
 #include "gfit/platform/xform.h"
@@ -62,3 +64,6 @@
 
 // alignment
 #include "gfit/alignment/affine_match.h"
+#include "gfit/alignment/points_to_planes.h"
+#include "gfit/alignment/points_to_points.h"
+#include "gfit/alignment/surface_bestfit.h"

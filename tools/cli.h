@@ -79,6 +79,8 @@ std::vector<Element> torus_elements();
 // `gfit deviations --cad PART POINTS`: deviations of measured points from a CAD part
 // (built with gfit::cad only).
 int run_deviations(std::vector<std::string> const& args);
+// `gfit align --cad PART POINTS ...`: alignment of measured points to a CAD part (gfit::cad only).
+int run_align(std::vector<std::string> const& args);
 
 // `gfit affine PAIRS`: the least-squares affine map taking the first point of each pair onto
 // the second (gfPointsAffineMatch), as JSON.

@@ -4,6 +4,7 @@
 //   gfit elements                        lists the elements and their options
 //   gfit deviations --cad PART POINTS    deviations of the points from a CAD part (CSV or --json)
 //   gfit affine PAIRS                    the affine map between corresponding points
+//   gfit align --cad PART POINTS ...     alignment of the points to a CAD part (tools/align.cpp)
 //
 // The result is one JSON object on standard output: the element, the status (1 fitted,
 // 0 not), its parameters, the RMS residual and the number of points. Unreadable input, a
@@ -132,6 +133,9 @@ void usage(std::ostream& os) {
 #ifdef GFIT_CLI_CAD
         "       gfit deviations --cad PART.step POINTS [--radius R] [--json]\n"
         "                                          deviations of the points from a CAD part\n"
+        "       gfit align --cad PART.step POINTS [--pairs MEASURED NOMINAL] [--tol T] [--lock-origin x,y,z:x,y,z]\n"
+        "                  [--lock-rotations x,y,z[:...]] [--bands FILE] [--scale PASSES] [--json]\n"
+        "                                          align the points to a CAD part and report deviations\n"
 #endif
         "       gfit affine PAIRS                  affine map taking x y [z] onto x' y' [z'] (one pair per line)\n"
         "Points: one per line, coordinates separated by spaces or commas, '#' starts a comment.\n";
@@ -223,6 +227,7 @@ int main(int argc, char** argv) {
   if (args[0] == "affine") return run_affine(std::vector<std::string>(args.begin() + 1, args.end()));
 #ifdef GFIT_CLI_CAD
   if (args[0] == "deviations") return run_deviations(std::vector<std::string>(args.begin() + 1, args.end()));
+  if (args[0] == "align") return run_align(std::vector<std::string>(args.begin() + 1, args.end()));
 #endif
   std::cerr << "gfit: unknown command '" << args[0] << "'\n";
   usage(std::cerr);
