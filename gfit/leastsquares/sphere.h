@@ -1,5 +1,9 @@
 // The least-squares sphere. Parameters (cx, cy, cz, r); distance |Q - C| - r, signed
 // (positive outside).
+//
+// When the points determine a sphere (leastsquares/refusal.h): at least 4 points, not
+// coplanar; at the solution a Jacobian of full rank and a positive radius within 1e6 times
+// the points' extent. Otherwise the entries refuse (gfReason::not_determined).
 #pragma once
 
 #include "gfit/gfit_export.h"
@@ -36,4 +40,11 @@ namespace gfit::detail {
 // more fits, each from the best of 100 random spheres about the centroid (seed 1). Writes
 // the best parameters and returns their mean squared distance.
 GFIT_EXPORT double sphere_restarts(gfLeastSquareSphere& problem, mlVector& best);
+
+struct PointSpread;
+// Whether the best sphere of the restarts (mean squared distance `value`) is a result: a
+// finite value, a positive radius within the size bound and a full-rank Jacobian (see
+// leastsquares/refusal.h). Records the reason when it is not.
+GFIT_EXPORT bool sphere_determined(gfLeastSquareSphere& problem, mlVector const& best, double value,
+                                   PointSpread const& spread);
 }  // namespace gfit::detail

@@ -34,6 +34,11 @@
 //  - polishing stops contracting, or ran 8 steps (16 in strict mode);
 //  - the iteration limit (default 100 trial evaluations; set_max_iterations).
 //
+// A trial point whose distances or gradients are not finite is rejected (the trust radius
+// shrinks); when a gradient is not finite at the start, no step can be formed and `fit`
+// returns +infinity with the start (termination non_finite_gradient), so that a search never
+// keeps such a start as a solution.
+//
 // `fit` returns the mean squared distance at the solution (sum of squares / points).
 #pragma once
 
@@ -54,6 +59,7 @@ class GFIT_EXPORT mlLevenbergMarquardt {
     iteration_limit,
     no_points,
     non_finite_start,  // a distance at the start is not finite
+    non_finite_gradient,  // a gradient at the start is not finite: fit returns +infinity
   };
 
   explicit mlLevenbergMarquardt(mlDistanceLeastSquares& problem) : problem_(problem) {}
