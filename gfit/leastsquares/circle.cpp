@@ -131,7 +131,7 @@ int gfLeastSquareEvaluator::evaluate_circle(giPoint2coDynArr const& points, giPo
   double value = lm.fit(start, result);
   if (!std::isfinite(value)) return refuse(gfReason::no_convergence);
   if (!gfit::detail::within_size_bound(result[2], spread.extent) ||
-      !gfit::detail::determined(gfit::detail::determination(problem, result)))
+      !gfit::detail::determined(gfit::detail::determination(lm, problem)))
     return refuse(gfReason::not_determined);
   centre = giPoint2(result[0], result[1]);
   radius = result[2];

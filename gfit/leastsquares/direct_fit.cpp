@@ -271,7 +271,7 @@ void gfDirectFit::find_embedding_plane(giPoint3coDynArr const& points) {
       } else {
         refuse(gfReason::not_determined, "the points do not determine the element: they coincide");
       }
-    } else if (!gfit::detail::point_spread(points).spans(gfit::detail::Span::plane)) {
+    } else if (!gfit::detail::point_spread(points, gfit::detail::Span::plane).spans(gfit::detail::Span::plane)) {
       // Coincident or collinear points lie in no one plane.
       refuse(gfReason::not_determined, "the points do not determine the element: they lie on a line");
     } else {

@@ -201,6 +201,7 @@ int gfCalculateLeastSquareEllipse(giPoint2coDynArr const& points, giPoint2& cent
   const double s = problem.range();
   mlRandom random(1);
   double best = DBL_MAX;
+  bool is_determined = false;
   mlVector kept(5), start(5), result(5);
 
   // The 100 random candidates of a pass are scored on the allowed threads, each worker with
@@ -248,15 +249,15 @@ int gfCalculateLeastSquareEllipse(giPoint2coDynArr const& points, giPoint2& cent
     if (value < best) {
       best = value;
       kept = result;
+      // The angle of a circle means nothing: when it alone is free, the curve is determined.
+      is_determined = gfit::detail::determined(gfit::detail::determination(lm, problem)) ||
+                      gfit::detail::determined(gfit::detail::determination(lm, problem, 4, 4));
     }
   }
   if (best == DBL_MAX) return refuse(gfReason::no_convergence);  // every fit ended without a finite sum
   double a = std::fabs(kept[0]), b = std::fabs(kept[1]), theta = kept[4];
   if (!gfit::detail::within_size_bound(std::fmax(a, b), spread.extent)) return refuse(gfReason::not_determined);
-  // The angle of a circle means nothing: when it alone is free, the curve is determined.
-  if (!gfit::detail::determined(gfit::detail::determination(problem, kept)) &&
-      !gfit::detail::determined(gfit::detail::determination(problem, kept, 4, 4)))
-    return refuse(gfReason::not_determined);
+  if (!is_determined) return refuse(gfReason::not_determined);
   if (a > b) {
     major = a;
     minor = b;

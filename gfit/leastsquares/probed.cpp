@@ -164,7 +164,7 @@ int gfLeastSquareEvaluator::evaluate_probed_circle(giPoint2coDynArr const& point
   for (int i = 0; i < n; ++i) m = std::fmax(m, std::fabs(radii[i]));
   // Ten fits from starts spread by the largest probe radius about the centroid (seed 1).
   mlRandom random(1);
-  double best = DBL_MAX;
+  double best = DBL_MAX, ratio = 0.0;
   mlVector start(3), result(3), kept(3);
   for (int pass = 0; pass < 10; ++pass) {
     start[0] = c.x() - m + random.next_unit() * 2.0 * m;
@@ -175,12 +175,12 @@ int gfLeastSquareEvaluator::evaluate_probed_circle(giPoint2coDynArr const& point
     if (rms < best) {
       best = rms;
       kept = result;
+      ratio = gfit::detail::determination(lm, problem);
     }
   }
   if (best == DBL_MAX) return refuse(gfReason::no_convergence);
   if (!(kept[2] > 0.0)) return refuse(gfReason::failed, "the compensated radius is not positive");
-  if (!gfit::detail::within_size_bound(kept[2], spread.extent) ||
-      !gfit::detail::determined(gfit::detail::determination(problem, kept)))
+  if (!gfit::detail::within_size_bound(kept[2], spread.extent) || !gfit::detail::determined(ratio))
     return refuse(gfReason::not_determined);
   centre = giPoint2(kept[0], kept[1]);
   radius = kept[2];
@@ -196,8 +196,9 @@ int gfLeastSquareEvaluator::evaluate_probed_sphere(giPoint3coDynArr const& point
   if (!check_radii(radii, n) || !check_points(points, 4, Span::space, &spread)) return 0;
   gfLeastSquareProbedSphere problem(points, radii, inside);
   mlVector best;
-  const double value = gfit::detail::sphere_restarts(problem, best);
-  if (!gfit::detail::sphere_determined(problem, best, value, spread)) return 0;
+  double ratio = 0.0;
+  const double value = gfit::detail::sphere_restarts(problem, best, &ratio);
+  if (!gfit::detail::sphere_determined(best, value, ratio, spread)) return 0;
   centre = giPoint3(best[0], best[1], best[2]);
   radius = best[3];
   residual = std::sqrt(value);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "gfit/leastsquares/distance.h"
+#include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/qr_accumulator.h"
 
 namespace gfit::detail {
@@ -26,45 +27,104 @@ constexpr double kLargestCoordinate = 1e150;
 
 constexpr int kBlock = TriangularAccumulator::block_rows;
 
+// Below this ratio of the smallest needed eigenvalue of the scatter to the largest (that is,
+// of singular values below 1e-4), the scatter's rounding could hide a flat set: the spread
+// is then taken again from a streamed QR of the centred points.
+constexpr double kScatterTrusted = 1e-8;
+constexpr int kSumBlock = 256;
+
+// The exact spread: the singular values of the centred points from their streamed QR.
 template <int D, class Point>
-PointSpread spread_of(coDynArr<Point> const& points) {
-  PointSpread s;
+void exact_sigma(coDynArr<Point> const& points, PointSpread& s) {
   const int n = points.count();
-  if (n == 0) return s;
   const Point c = mean_of(points.data(), n);
-  double lo[D], hi[D], row[D];
-  for (int j = 0; j < D; ++j) lo[j] = hi[j] = points[0][j];
+  double row[D];
   TriangularAccumulator acc(D);
   for (Point const& p : points) {
-    for (int j = 0; j < D; ++j) {
-      lo[j] = std::min(lo[j], p[j]);
-      hi[j] = std::max(hi[j], p[j]);
-      row[j] = p[j] - c[j];
-    }
+    for (int j = 0; j < D; ++j) row[j] = p[j] - c[j];
     acc.add_row(row);
   }
   acc.flush();
-  double e = 0.0;
-  for (int j = 0; j < D; ++j) e += (hi[j] - lo[j]) * (hi[j] - lo[j]);
-  s.extent = std::sqrt(e);
   Eigen::MatrixXd r = Eigen::MatrixXd::Zero(D, D);
   for (int i = 0; i < D; ++i)
     for (int j = i; j < D; ++j) r(i, j) = acc.r(i, j);
   Eigen::JacobiSVD<Eigen::MatrixXd> svd(r);
   for (int k = 0; k < D; ++k) s.sigma[k] = svd.singularValues()[k];
+}
+
+// One pass over the points: whether all are finite, their largest coordinate, their extent
+// and their scatter about the first point (summed in blocks, so that rounding stays small),
+// whose eigenvalues give the singular values of the centred points. When singular value
+// `needed` is too small beside the largest to trust the scatter's, they are formed exactly.
+// Returns false for a coordinate that is not finite.
+template <int D, class Point>
+bool survey(coDynArr<Point> const& points, int needed, PointSpread& s, double& largest) {
+  s = PointSpread();
+  largest = 0.0;
+  const int n = points.count();
+  if (n == 0) return true;
+  double p0[D], lo[D], hi[D], sum[D] = {}, scatter[D][D] = {};
+  for (int j = 0; j < D; ++j) p0[j] = lo[j] = hi[j] = points[0][j];
+  for (int first = 0; first < n; first += kSumBlock) {
+    const int last = std::min(n, first + kSumBlock);
+    double bsum[D] = {}, bscatter[D][D] = {};
+    bool finite = true;
+    for (int i = first; i < last; ++i) {
+      Point const& p = points[i];
+      double d[D];
+      for (int j = 0; j < D; ++j) {
+        const double x = p[j];
+        finite &= std::isfinite(x);
+        lo[j] = x < lo[j] ? x : lo[j];
+        hi[j] = x > hi[j] ? x : hi[j];
+        d[j] = x - p0[j];
+        bsum[j] += d[j];
+      }
+      for (int a = 0; a < D; ++a)
+        for (int b = a; b < D; ++b) bscatter[a][b] += d[a] * d[b];
+    }
+    if (!finite) return false;
+    for (int a = 0; a < D; ++a) {
+      sum[a] += bsum[a];
+      for (int b = a; b < D; ++b) scatter[a][b] += bscatter[a][b];
+    }
+  }
+  double e = 0.0;
+  for (int j = 0; j < D; ++j) {
+    e += (hi[j] - lo[j]) * (hi[j] - lo[j]);
+    largest = std::max(largest, std::max(std::fabs(lo[j]), std::fabs(hi[j])));
+  }
+  s.extent = std::sqrt(e);
+  if (!(largest <= kLargestCoordinate)) return true;  // refused as out of range
+  Eigen::MatrixXd c(D, D);
+  for (int a = 0; a < D; ++a)
+    for (int b = a; b < D; ++b) c(a, b) = c(b, a) = scatter[a][b] - sum[a] * sum[b] / n;
+  Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> eig(c, Eigen::EigenvaluesOnly);
+  for (int k = 0; k < D; ++k) s.sigma[k] = std::sqrt(std::max(0.0, eig.eigenvalues()[D - 1 - k]));
+  const double top = s.sigma[0] * s.sigma[0], low = s.sigma[needed] * s.sigma[needed];
+  if (top > 0.0 && !(low > kScatterTrusted * top)) exact_sigma<D>(points, s);
+  return true;
+}
+
+// The index of the singular value that decides `span`.
+int deciding(Span span, int dimensions) { return std::min(dimensions - 1, span == Span::space ? 2 : 1); }
+
+template <int D, class Point>
+PointSpread spread_of(coDynArr<Point> const& points, Span asked) {
+  PointSpread s;
+  double largest = 0.0;
+  survey<D>(points, deciding(asked, D), s, largest);
   return s;
 }
 
 template <int D, class Point>
 int check(coDynArr<Point> const& points, int minimum, Span span, PointSpread* out) {
   if (points.count() < minimum || points.count() < 1) return refuse(gfReason::too_few_points);
+  const int needed = deciding(span, D);
+  PointSpread s;
   double largest = 0.0;
-  for (Point const& p : points) {
-    if (!p.finite()) return refuse(gfReason::non_finite_input, "a coordinate is not finite");
-    for (int j = 0; j < D; ++j) largest = std::max(largest, std::fabs(p[j]));
-  }
+  if (!survey<D>(points, needed, s, largest)) return refuse(gfReason::non_finite_input, "a coordinate is not finite");
   if (largest > kLargestCoordinate) return refuse(gfReason::out_of_range);
-  PointSpread s = spread_of<D>(points);
   if (span != Span::points && !(s.sigma[0] > 0.0))
     return refuse(gfReason::not_determined, "the points do not determine the element: they all coincide");
   if ((span == Span::plane || span == Span::space) && !s.spans(Span::plane))
@@ -75,9 +135,10 @@ int check(coDynArr<Point> const& points, int minimum, Span span, PointSpread* ou
   return 1;
 }
 
-// sigma_k / sigma_1 of the factor R D^-1 (k counted over the columns kept).
-double ratio_of(TriangularAccumulator const& acc, mlVector const& scales, int k, int drop) {
-  const int m = acc.cols();
+// sigma_k / sigma_1 of the first m columns of the factor, R D^-1 (k counted over the columns
+// kept). The leading m x m block of the factor of [J | d] is the factor of J.
+double ratio_of(TriangularAccumulator const& acc, int m, mlVector const& scales, int k, int drop) {
+  if (m < 1 || acc.cols() < m) return 0.0;
   const int kept = drop >= 0 && drop < m ? m - 1 : m;
   if (k < 1 || k > kept) return 0.0;
   Eigen::MatrixXd a = Eigen::MatrixXd::Zero(m, kept);
@@ -107,8 +168,8 @@ bool PointSpread::spans(Span span) const {
   return false;
 }
 
-PointSpread point_spread(giPoint3coDynArr const& points) { return spread_of<3>(points); }
-PointSpread point_spread(giPoint2coDynArr const& points) { return spread_of<2>(points); }
+PointSpread point_spread(giPoint3coDynArr const& points, Span asked) { return spread_of<3>(points, asked); }
+PointSpread point_spread(giPoint2coDynArr const& points, Span asked) { return spread_of<2>(points, asked); }
 
 int check_points(giPoint3coDynArr const& points, int minimum, Span span, PointSpread* spread) {
   return check<3>(points, minimum, span, spread);
@@ -168,7 +229,16 @@ double determination(mlDistanceLeastSquares& problem, mlVector const& parameters
   }
   mlVector scales;
   problem.parameter_scales(scales);
-  return ratio_of(acc, scales, k, drop);
+  return ratio_of(acc, m, scales, k, drop);
+}
+
+double determination(mlLevenbergMarquardt const& solver, mlDistanceLeastSquares const& problem, int independent,
+                     int drop) {
+  const int m = problem.n_parameters();
+  const int k = independent >= 0 ? independent : problem.n_independent_parameters();
+  mlVector scales;
+  problem.parameter_scales(scales);
+  return ratio_of(solver.factor(), m, scales, k, drop);
 }
 
 double circle3_determination(giPoint3coDynArr const& points, mlVector const& p) {
@@ -195,7 +265,7 @@ double circle3_determination(giPoint3coDynArr const& points, mlVector const& p) 
   acc.flush();
   const double r = std::fabs(p[6]);
   const mlVector scales{1.0, 1.0, 1.0, r, r, r, 1.0};
-  return ratio_of(acc, scales, 6, -1);
+  return ratio_of(acc, 7, scales, 6, -1);
 }
 
 bool determined(double ratio) { return ratio > kUndetermined; }

@@ -37,6 +37,7 @@
 #include "gfit/platform/report.h"
 
 class gfLeastSquareDistance3;
+class mlLevenbergMarquardt;
 
 namespace gfit::detail {
 
@@ -52,9 +53,10 @@ struct PointSpread {
   bool spans(Span span) const;
 };
 
-// The spread of finite points (at least one).
-GFIT_EXPORT PointSpread point_spread(giPoint3coDynArr const& points);
-GFIT_EXPORT PointSpread point_spread(giPoint2coDynArr const& points);
+// The spread of finite points (at least one). The singular values come from the points'
+// scatter, or, where that could hide a flat set in the span asked about, from a streamed QR.
+GFIT_EXPORT PointSpread point_spread(giPoint3coDynArr const& points, Span asked = Span::space);
+GFIT_EXPORT PointSpread point_spread(giPoint2coDynArr const& points, Span asked = Span::plane);
 
 // The up-front checks of an entry: at least `minimum` points, all finite and within range,
 // spanning `span`. Returns 1, with the spread in `spread` when given; or records the
@@ -79,6 +81,11 @@ GFIT_EXPORT int check_normals(giUnitVec2coDynArr const& normals, int n, bool opt
 // a row unwritten.
 GFIT_EXPORT double determination(mlDistanceLeastSquares& problem, mlVector const& parameters, int independent = -1,
                                  int drop = -1, bool per_point = false);
+// The same from the factor that `solver` kept at the result of its last fit, which must be
+// `problem`'s current parameters (as a fit leaves them): no pass over the points. 0 when the
+// solver kept no factor.
+GFIT_EXPORT double determination(mlLevenbergMarquardt const& solver, mlDistanceLeastSquares const& problem,
+                                 int independent = -1, int drop = -1);
 // The same for the circle in space (centre, normal, radius), whose unsigned distance has no
 // derivative on the circle: its two parts, the height above the plane and the radial error,
 // each give a row.

@@ -60,7 +60,7 @@ doublecoDynArr radii(int n, double last = 0.5) {
 
 struct Data {
   Rng rng{1101};
-  giPoint3coDynArr same3 = constant(12, giPoint3(1, 2, 3)), line = line3(12), plane = flat(12);
+  giPoint3coDynArr same3 = constant(12, giPoint3(1, 2, 3)), line = line3(12), plane = flat(12), six = flat(6);
   giPoint2coDynArr same2 = constant(12, giPoint2(1, 2)), line_2d = line2(12);
   giPoint2coDynArr circle = sample_circle2(rng, giPoint2(1, 2), 5, 0, 5, 12, 0.01);
   giPoint3coDynArr sphere = sample_sphere(rng, giPoint3(1, 2, 3), 5, giUnitVec3(0, 0, 1), 2.0, 12, 0.01);
@@ -217,9 +217,11 @@ std::vector<Case> refusal_table() {
       {"sphere", "coincident", sphere(d.same3), undetermined},
       {"sphere", "collinear", sphere(d.line), undetermined},
       {"sphere", "coplanar", sphere(d.plane), undetermined},
+      {"sphere", "six coplanar", sphere(d.six), undetermined},
       {"cylinder", "coincident", cylinder(d.same3), undetermined, Mark::direction},
       {"cylinder", "collinear", cylinder(d.line), undetermined, Mark::direction},
       {"cylinder", "coplanar", cylinder(d.plane), undetermined, Mark::direction},
+      {"cylinder", "six coplanar", cylinder(d.six), undetermined, Mark::direction},
       {"cylinder with normals", "coplanar", cylinder_normals(d.plane, d.up), undetermined, Mark::direction},
       {"cylinder with normals", "long normals", cylinder_normals(d.cylinder, long_normals), bad_array,
        Mark::direction},

@@ -140,6 +140,7 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
   const double tol = strict_ ? strict_tolerance : default_tolerance;
   const int polish_limit = strict_ ? 16 : 8;
   iterations_ = 0;
+  factor_.reset(0);
 
   mlVector p(m);
   for (int j = 0; j < m && j < start.size(); ++j) p[j] = start[j];
@@ -303,5 +304,6 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
     }
   }
   result = p;
+  factor_ = acc;
   return ssr / n;
 }

@@ -44,6 +44,7 @@
 
 #include "gfit/gfit_export.h"
 #include "gfit/platform/least_squares.h"
+#include "gfit/platform/qr_accumulator.h"
 
 class GFIT_EXPORT mlLevenbergMarquardt {
  public:
@@ -75,6 +76,11 @@ class GFIT_EXPORT mlLevenbergMarquardt {
   // Trial steps evaluated by the last fit, and why it stopped.
   int iterations() const { return iterations_; }
   Termination termination() const { return termination_; }
+  // The triangular factor R of [J | d] (Jacobian and distances, n_parameters + 1 columns)
+  // at the result of the last fit, R^T R = [J d]^T [J d]; no columns when the fit ended
+  // before a Jacobian could be used. It lets a caller judge the solution without another
+  // pass over the points.
+  gfit::detail::TriangularAccumulator const& factor() const { return factor_; }
 
  private:
   mlDistanceLeastSquares& problem_;
@@ -82,4 +88,5 @@ class GFIT_EXPORT mlLevenbergMarquardt {
   bool strict_ = false;
   int iterations_ = 0;
   Termination termination_ = not_run;
+  gfit::detail::TriangularAccumulator factor_;
 };
