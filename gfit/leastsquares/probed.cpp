@@ -20,6 +20,13 @@ doublecoDynArr signed_radii(doublecoDynArr const& radii, int n, int inside) {
   for (int i = 0; i < n; ++i) rho.append(inside ? radii[i] : -radii[i]);
   return rho;
 }
+
+bool radii_usable(doublecoDynArr const& radii, int n) {
+  if (radii.count() != n) return false;
+  for (double r : radii)
+    if (!(std::isfinite(r) && r >= 0.0)) return false;
+  return true;
+}
 }  // namespace gfit::detail
 
 // ---- circle -----------------------------------------------------------------------------

@@ -98,4 +98,7 @@ class GFIT_EXPORT gfLeastSquareProbedEllipse : public gfLeastSquareEllipse {
 namespace gfit::detail {
 // The signed compensations of the first n radii: +r with the inside flag, -r without.
 GFIT_EXPORT doublecoDynArr signed_radii(doublecoDynArr const& radii, int n, int inside);
+// Exactly n radii, each finite and not negative (check_radii of leastsquares/refusal.h
+// without recording a reason).
+GFIT_EXPORT bool radii_usable(doublecoDynArr const& radii, int n);
 }  // namespace gfit::detail

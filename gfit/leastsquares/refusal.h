@@ -2,11 +2,14 @@
 // reports a result, so that a fit the data do not fix is refused rather than returned.
 //
 // Before any iteration (check_points, check_radii, check_normals):
-//  - fewer points than the element needs: gfReason::too_few_points;
+//  - fewer points than the element needs: gfReason::too_few_points. With one distance per
+//    point that is its number of independent parameters (circle 3, sphere 4, ellipse and
+//    cylinder 5, cone 6, torus 7); the circle in space, whose distance has two parts, 3;
 //  - a coordinate that is not finite: non_finite_input; one so large (beyond 1e150) that
 //    its square overflows: out_of_range;
 //  - what the element needs the points to span, judged on the singular values s1 >= s2 >=
-//    s3 of the centred points (a streamed QR, so that rounding does not hide a flat set):
+//    s3 of the centred points (from one pass over their scatter; where that could hide a
+//    flat set, from a streamed QR of the centred points, whose rounding cannot):
 //    two distinct points (not all coincident) for lines; a plane (s2 > 1e-12 s1) for
 //    circles, ellipses and probed planes; space (s3 > 1e-12 s1) for spheres, cylinders,
 //    cones and tori. Otherwise not_determined;

@@ -9,7 +9,6 @@
 #include "gfit/gfit.h"
 #include "gfit/leastsquares/refusal.h"
 #include "test/support/checks.h"
-#include "test/support/reference_data.h"
 #include "test/support/samplers.h"
 
 namespace {
@@ -365,9 +364,10 @@ TEST(Refusals, NearlyDegenerateDataAreRefusedAtTheSolution) {
   expect_untouched(o, Mark::none);
 }
 
-// The threshold leaves thin arcs and every certified set well inside: the determination of
-// a 20-degree arc is about 2.4e-3, that of a 1-degree arc 6e-6, against 1e-9.
-TEST(Refusals, ThinArcsAndCertifiedSetsStayAccepted) {
+// The threshold leaves thin arcs well inside (the certified sets, which score 1.3e-3 or more,
+// are fitted by the conformance tests): the determination of a 20-degree arc is about
+// 2.4e-3, that of a 1-degree arc 6e-6, against 1e-9.
+TEST(Refusals, ThinArcsStayAccepted) {
   Rng rng(1103);
   for (double degrees : {20.0, 5.0, 1.0}) {
     SCOPED_TRACE(degrees);
@@ -384,15 +384,6 @@ TEST(Refusals, ThinArcsAndCertifiedSetsStayAccepted) {
     const double ratio = gfit::detail::determination(problem, mlVector{o.p2.x(), o.p2.y(), 50.0});
     EXPECT_GT(ratio, 1e-6);
   }
-  // The smallest determination over the certified spheres, circles, cylinders and cones.
-  double smallest = 1.0;
-  for_each_reference_set("Sphere", 30, [&](ReferenceSet const& s) {
-    gfLeastSquareSphere problem(s.points);
-    smallest = std::fmin(smallest, gfit::detail::determination(
-                                       problem, mlVector{s.certified[0], s.certified[1], s.certified[2],
-                                                         0.5 * s.certified[3]}));
-  });
-  EXPECT_GT(smallest, 1e-4);
 }
 
 }  // namespace
