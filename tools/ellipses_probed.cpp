@@ -97,7 +97,7 @@ std::vector<Element> ellipse_probed_elements() {
                        {"--radius", "--normals"}, fit_probed_plane};
   probed_plane.max_columns = 4;
   return {
-      {"ellipse", 2, 4, "geometric least-squares ellipse (x y per point)", {}, fit_ellipse},
+      {"ellipse", 2, 5, "geometric least-squares ellipse (x y per point)", {}, fit_ellipse},
       {"axisrev", 3, 6, "axis of a surface of revolution; --normals FILE (one surface normal per point)",
        {"--normals"}, fit_axis_rev},
       probed_circle,

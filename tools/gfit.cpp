@@ -197,7 +197,10 @@ int run_fit(std::vector<std::string> const& args) {
   out.add("points", table.rows());
   std::cout << out.str() << "\n";
   if (status != 1) {
-    std::cerr << "gfit: the " << element->name << " fit failed\n";
+    // Why the library refused, as it recorded for this thread.
+    char const* reason = gfLastReasonText();
+    std::cerr << "gfit: " << element->name << ": "
+              << (gfLastReason() != gfReason::none && reason[0] != '\0' ? reason : "the fit failed") << "\n";
     return 1;
   }
   return 0;

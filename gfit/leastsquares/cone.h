@@ -30,6 +30,12 @@
 // the best of a batch refined. Every refinement is a Levenberg-Marquardt fit of the full
 // problem (strict, at most 10000 iterations). The linear starts of a batch may be computed
 // on several threads (gfSetMaxThreads); the result is bit-identical for every thread count.
+//
+// When the points determine a cone (leastsquares/refusal.h): at least 6 points, not
+// coplanar; at the solution a Jacobian of full rank in the 6 independent parameters (judged
+// with the axis point at the foot of the centroid) and an apex within 1e6 times the points'
+// extent of their centroid. Otherwise the computations refuse (gfReason::not_determined),
+// leaving every output untouched.
 #pragma once
 
 #include <cfloat>
@@ -276,4 +282,8 @@ namespace gfit::detail {
 // apex runs to infinity (sin(theta) < 1e-12) or anything is not finite.
 GFIT_EXPORT bool cone_outputs(mlVector const& p, double value, giPoint3& apex, giUnitVec3& axis, double& half_angle,
                               double& residual);
+// Whether cone parameters with mean squared distance `value` are a result the points
+// determine (see leastsquares/refusal.h): a finite value, an apex within 1e6 `extent` of the
+// points' centroid, a Jacobian of full rank. Records the reason when they are not.
+GFIT_EXPORT bool cone_determined(gfLeastSquareDistance3& problem, mlVector const& p, double value, double extent);
 }  // namespace gfit::detail

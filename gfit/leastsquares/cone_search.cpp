@@ -10,6 +10,7 @@
 #include "gfit/leastsquares/cone.h"
 #include "gfit/leastsquares/cylinder.h"
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
@@ -461,9 +462,15 @@ void random_batches(ConeSearch& search, gfConeGuessGenerator& generator, giUnitV
 int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, giUnitVec3& axis, double& half_angle,
                                double& residual, giUnitVec3 const& guess, giAngle const& angle,
                                giUnitVec3coDynArr const& normals, int k) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (n < 6 || !gfit::detail::valid_axis_search_input(points, guess, angle, normals)) return 0;
-  if (!(gfLeastSquareCone(points).range() > 0.0)) return 0;  // all points coincide
+  gfit::detail::PointSpread spread;
+  if (n < 6) return refuse(gfReason::too_few_points);
+  if (!gfit::detail::check_normals(normals, n, true) ||
+      !gfit::detail::check_points(points, 6, gfit::detail::Span::space, &spread))
+    return 0;
+  if (!gfit::detail::valid_axis_search_input(points, guess, angle, normals))
+    return refuse(gfReason::non_finite_input, "the guess axis or the angle is not finite");
   const double tolerance = gfLeastSquareConeNonPhysicalTolerance();
 
   if (k != 0 && (k < 0 || k + 6 <= n)) {
@@ -476,9 +483,11 @@ int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, g
       configure(lm);
       mlVector previous{apex.x(), apex.y(), apex.z(), axis.x(), axis.y(), axis.z(), 0.0, half_angle}, result(8);
       double value = 0.0;
-      if (gfit::detail::refine_grown_fit(problem, lm, problem.range(), previous, k, result, value) &&
-          gfit::detail::cone_outputs(result, value, apex, axis, half_angle, residual))
-        return 1;
+      if (gfit::detail::refine_grown_fit(problem, lm, problem.range(), previous, k, result, value)) {
+        if (!gfit::detail::cone_determined(problem, result, value, spread.extent)) return 0;
+        if (gfit::detail::cone_outputs(result, value, apex, axis, half_angle, residual))
+          return gfit::detail::succeed();
+      }
     }
   }
 
@@ -489,15 +498,25 @@ int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, g
 
   mlVector best(8);
   double mean_square = 0.0;
-  if (!search.best(best, mean_square)) return 0;
-  return gfit::detail::cone_outputs(best, mean_square, apex, axis, half_angle, residual) ? 1 : 0;
+  if (!search.best(best, mean_square)) return refuse(gfReason::no_convergence);
+  gfLeastSquareCone problem(points);
+  if (!gfit::detail::cone_determined(problem, best, mean_square, spread.extent)) return 0;
+  if (!gfit::detail::cone_outputs(best, mean_square, apex, axis, half_angle, residual))
+    return refuse(gfReason::not_determined);
+  return gfit::detail::succeed();
 }
 
 int gfCalculateMultipleLeastSquareCones(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                         double tolerance, giAngle const& angle, int count,
                                         gfFittedConecoDynArr& results) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (n < 6 || !gfit::detail::all_finite(points) || !gfit::detail::all_valid(normals)) return 0;
+  gfit::detail::PointSpread spread;
+  if (n < 6) return refuse(gfReason::too_few_points);
+  if (!gfit::detail::check_points(points, 6, gfit::detail::Span::space, &spread)) return 0;
+  // The normals only steer the random directions: any number of them, each set and finite.
+  if (!gfit::detail::all_valid(normals)) return refuse(gfReason::non_finite_input, "a normal is unset or not finite");
+  const int found_before = results.count();
   const giAngle cone = giAngle::from_degrees(30.0), second_cone = giAngle::from_degrees(30.0);
   gfRandDirGenMulti directions(1000.0, normals, cone, 0.9);
   const giUnitVec3coDynArr no_normals;
@@ -516,10 +535,14 @@ int gfCalculateMultipleLeastSquareCones(giPoint3coDynArr const& points, giUnitVe
     giPoint3 apex;
     giUnitVec3 axis;
     double theta = 0.0, deviation = 0.0;
-    if (rms < tolerance && gfit::detail::cone_outputs(result, rms * rms, apex, axis, theta, deviation))
+    // Only cones that the points determine (see leastsquares/refusal.h).
+    if (rms < tolerance && gfit::detail::cone_determined(problem, result, rms * rms, spread.extent) &&
+        gfit::detail::cone_outputs(result, rms * rms, apex, axis, theta, deviation))
       gfLeastSquareCone::add_distinct_result(gfFittedCone(apex, axis, giAngle(theta), deviation), tolerance, angle,
                                              results);
   }
+  if (results.count() == found_before) refuse(gfReason::no_convergence, "no cone within the tolerance");
+  else gfit::detail::succeed();
   return results.count();
 }
 
@@ -529,18 +552,13 @@ int gfLeastSquareEvaluator::evaluate_cone(giPoint3coDynArr const& points, giPoin
                                           double& half_angle, double& residual, giUnitVec3 const& guess,
                                           giAngle const& angle, int k) {
   const giUnitVec3coDynArr no_normals;
-  const int status = gfCalculateLeastSquareCone(points, apex, axis, half_angle, residual, guess, angle, no_normals, k);
-  if (status == 0) axis.set_invalid();
-  return status;
+  return gfCalculateLeastSquareCone(points, apex, axis, half_angle, residual, guess, angle, no_normals, k);
 }
 
 int gfLeastSquareEvaluator::evaluate_cone(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                           giAngle const& angle, giPoint3& apex, giUnitVec3& axis, double& half_angle,
                                           double& residual, int k) {
-  const int status =
-      gfCalculateLeastSquareCone(points, apex, axis, half_angle, residual, giUnitVec3(), angle, normals, k);
-  if (status == 0) axis.set_invalid();
-  return status;
+  return gfCalculateLeastSquareCone(points, apex, axis, half_angle, residual, giUnitVec3(), angle, normals, k);
 }
 
 int gfLeastSquareEvaluator::evaluate_multiple_cones(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,

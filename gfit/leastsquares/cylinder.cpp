@@ -7,6 +7,7 @@
 #include "gfit/leastsquares/axis_candidates.h"
 #include "gfit/leastsquares/axis_search.h"
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
 #include "gfit/platform/random.h"
@@ -253,6 +254,18 @@ void set_candidate(ProjectedCircle const& c, giUnitVec3 const& d, mlVector& p) {
   p[6] = c.radius;
 }
 
+// The test of a solution (see leastsquares/refusal.h): a finite value, a positive radius
+// within the size bound, and a Jacobian of full rank. Records the reason when it fails.
+bool determined_cylinder(gfLeastSquareDistance3& problem, mlVector const& p, double value, double extent) {
+  using gfit::detail::refuse;
+  if (!std::isfinite(value)) return refuse(gfReason::no_convergence) != 0;
+  if (!(p[6] > 0.0)) return refuse(gfReason::failed, "the cylinder's radius is not positive") != 0;
+  if (!gfit::detail::within_size_bound(p[6], extent) ||
+      !gfit::detail::determined(gfit::detail::axial_determination(problem, p)))
+    return refuse(gfReason::not_determined) != 0;
+  return true;
+}
+
 void write_outputs(mlVector const& p, double value, giPoint3& point, giUnitVec3& direction, double& radius,
                    double& residual) {
   direction = giUnitVec3(p[3], p[4], p[5]);
@@ -266,8 +279,15 @@ void write_outputs(mlVector const& p, double value, giPoint3& point, giUnitVec3&
 int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction,
                                    double& radius, double& residual, giUnitVec3 const& guess, giAngle const& angle,
                                    giUnitVec3coDynArr const& normals, int k) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (n < 5 || !gfit::detail::valid_axis_search_input(points, guess, angle, normals)) return 0;
+  gfit::detail::PointSpread spread;
+  if (n < 5) return refuse(gfReason::too_few_points);
+  if (!gfit::detail::check_normals(normals, n, true) ||
+      !gfit::detail::check_points(points, 5, gfit::detail::Span::space, &spread))
+    return 0;
+  if (!gfit::detail::valid_axis_search_input(points, guess, angle, normals))
+    return refuse(gfReason::non_finite_input, "the guess axis or the angle is not finite");
 
   if (k != 0 && (k < 0 || k + 5 <= n)) {
     const bool previous_usable = point.finite() && !direction.invalid() && std::isfinite(radius);
@@ -278,8 +298,9 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
       mlVector result(7);
       double value = 0.0;
       if (gfit::detail::refine_grown_fit(problem, lm, problem.range(), previous, k, result, value)) {
+        if (!determined_cylinder(problem, result, value, spread.extent)) return 0;
         write_outputs(result, value, point, direction, radius, residual);
-        return 1;
+        return gfit::detail::succeed();
       }
     }
   }
@@ -387,22 +408,29 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
     }
   }
 
-  if (best_ok.value == DBL_MAX && best_any.value == DBL_MAX) return 0;
+  if (best_ok.value == DBL_MAX && best_any.value == DBL_MAX) return refuse(gfReason::no_convergence);
   // Agreement with the normals is given up when it costs more than a thousandth of the
   // range in RMS.
   if (R * 0.001 < std::sqrt(best_ok.value) - std::sqrt(best_any.value)) best_ok = best_any;
+  if (!determined_cylinder(problem, best_ok.parameters, best_ok.value, spread.extent)) return 0;
   write_outputs(best_ok.parameters, best_ok.value, point, direction, radius, residual);
-  return 1;
+  return gfit::detail::succeed();
 }
 
 int gfCalculateMultipleLeastSquareCylinders(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                             double tolerance, giAngle const& angle, int count,
                                             gfFittedCylindercoDynArr& results) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (n < 5 || !gfit::detail::all_finite(points) || !gfit::detail::all_valid(normals)) return 0;
+  gfit::detail::PointSpread spread;
+  if (n < 5) return refuse(gfReason::too_few_points);
+  if (!gfit::detail::check_points(points, 5, gfit::detail::Span::space, &spread)) return 0;
+  // The normals only steer the random directions: any number of them, each set and finite.
+  if (!gfit::detail::all_valid(normals)) return refuse(gfReason::non_finite_input, "a normal is unset or not finite");
   const giAngle cone = giAngle::from_degrees(30.0), second_cone = giAngle::from_degrees(30.0);
   gfRandDirGenMulti generator(1000.0, normals, cone, 0.9);
   gfLeastSquareCylinder problem(points);
+  const int found_before = results.count();
   mlLevenbergMarquardt lm(problem);
   const giPoint3 origin(0.0, 0.0, 0.0);
   mlVector start(7), result(7);
@@ -422,12 +450,16 @@ int gfCalculateMultipleLeastSquareCylinders(giPoint3coDynArr const& points, giUn
     }
     start = mlVector{centre.x(), centre.y(), centre.z(), d.x(), d.y(), d.z(), r};
     const double rms = std::sqrt(lm.fit(start, result));
-    if (rms < tolerance) {
+    // Only cylinders that the points determine (see leastsquares/refusal.h).
+    if (rms < tolerance && result[6] > 0.0 && gfit::detail::within_size_bound(result[6], spread.extent) &&
+        gfit::detail::determined(gfit::detail::axial_determination(problem, result))) {
       gfFittedCylinder found(giPoint3(result[0], result[1], result[2]), giUnitVec3(result[3], result[4], result[5]),
                              result[6], rms);
       gfLeastSquareCylinder::add_distinct_result(found, tolerance, angle, results);
     }
   }
+  if (results.count() == found_before) refuse(gfReason::no_convergence, "no cylinder within the tolerance");
+  else gfit::detail::succeed();
   return results.count();
 }
 
@@ -436,7 +468,7 @@ int gfCalculateMultipleLeastSquareCylinders(giPoint3coDynArr const& points, giUn
 int gfLeastSquareEvaluator::evaluate_cylinder(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction,
                                               double& radius, double& residual, giUnitVec3 const& guess,
                                               giAngle const& angle, int k) {
-  if (points.count() < 4) return 0;
+  if (points.count() < 4) return gfit::detail::refuse(gfReason::too_few_points);
   giUnitVec3coDynArr no_normals;
   int status = gfCalculateLeastSquareCylinder(points, point, direction, radius, residual, guess, angle, no_normals, k);
   if (status == 0) direction.set_invalid();
@@ -446,7 +478,7 @@ int gfLeastSquareEvaluator::evaluate_cylinder(giPoint3coDynArr const& points, gi
 int gfLeastSquareEvaluator::evaluate_cylinder(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                               giAngle const& angle, giPoint3& point, giUnitVec3& direction,
                                               double& radius, double& residual, int k) {
-  if (points.count() < 4) return 0;
+  if (points.count() < 4) return gfit::detail::refuse(gfReason::too_few_points);
   int status =
       gfCalculateLeastSquareCylinder(points, point, direction, radius, residual, giUnitVec3(), angle, normals, k);
   if (status == 0) direction.set_invalid();

@@ -10,6 +10,11 @@
 // points projected along it, and refines the best of each batch by Levenberg-Marquardt.
 // The candidates of a batch may be evaluated on several threads (see gfSetMaxThreads in
 // platform/parallel.h); the result is bit-identical for every thread count.
+//
+// When the points determine a cylinder (leastsquares/refusal.h): at least 5 points, not
+// coplanar; at the solution a Jacobian of full rank in the 5 independent parameters (judged
+// with the axis point at the foot of the centroid) and a positive radius within 1e6 times the
+// points' extent. Otherwise the computations refuse (gfReason::not_determined).
 #pragma once
 
 #include <cfloat>

@@ -27,6 +27,10 @@
 // outcome, one with both radii positive if there is any, is refined on all the points.
 // Trial directions may be fitted on several threads (gfSetMaxThreads); the result is
 // bit-identical for every thread count.
+//
+// When the points determine a torus (leastsquares/refusal.h): at least 7 points, not
+// coplanar; at the solution a Jacobian of full rank in the 7 independent parameters.
+// Otherwise the entries refuse (gfReason::not_determined), leaving the outputs untouched.
 #pragma once
 
 #include "gfit/gfit_export.h"
