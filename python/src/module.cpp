@@ -1057,7 +1057,8 @@ py::array_t<double> residuals(std::string const& kind, py::dict fields, py::hand
     // and plane subtract each ball radius: the centres lie one radius off the surface on
     // the normal's side.
     const bool probed = kind.rfind("probed", 0) == 0;
-    const int dim = planar ? 2 : 3;
+    const int dim = fields.contains("point") ? static_cast<int>(py::len(fields["point"])) : 3;
+    need(dim == 2);
     Doubles d = as_doubles(pts, "points", dim, 0);
     const int n = static_cast<int>(d.shape(0));
     require_finite(d.data(), static_cast<py::ssize_t>(n) * dim, dim, "points");
@@ -1201,27 +1202,33 @@ double distribution_quality(std::string const& kind, py::dict fields, py::handle
   double q = 0.0;
   if (columns_of(pts, "points") == 2) {
     Points2 p(pts, "points", 1, true);
-    q = unlocked([&]() -> double {
-      if (kind == "line") return Q::distribution_quality_line(p.array(), f.p2("point"), giUnitVec2(f.get("direction", 2)[0], f.get("direction", 2)[1]));
-      if (kind == "circle") return Q::distribution_quality_circle(p.array(), f.p2("centre"), f.num("radius"));
-      if (kind == "ellipse")
-        return Q::distribution_quality_ellipse(p.array(), f.p2("centre"), f.num("major"), f.num("minor"),
-                                               f.num("angle"));
-      return -1.0;
-    });
-    if (kind == "probed_circle") {
-      const doublecoDynArr radii = radii_array(radii_obj, p.count(), "radii");
+    // The field reads touch Python objects, so they are done before the lock is released.
+    q = -1.0;
+    if (kind == "line") {
+      auto pt = f.p2("point");
+      auto d = f.get("direction", 2);
+      const giUnitVec2 u(d[0], d[1]);
+      q = unlocked([&] { return Q::distribution_quality_line(p.array(), pt, u); });
+    } else if (kind == "circle" || kind == "probed_circle") {
+      auto c = f.p2("centre");
+      const double r = f.num("radius");
+      doublecoDynArr radii;
+      if (kind == "probed_circle") radii = radii_array(radii_obj, p.count(), "radii");
       q = unlocked([&] {
-        return Q::distribution_quality_probed_circle(p.array(), radii, inside, f.p2("centre"), f.num("radius"));
+        return kind == "circle" ? Q::distribution_quality_circle(p.array(), c, r)
+                                : Q::distribution_quality_probed_circle(p.array(), radii, inside, c, r);
       });
+    } else if (kind == "ellipse") {
+      auto c = f.p2("centre");
+      const double a = f.num("major"), b = f.num("minor"), angle = f.num("angle");
+      q = unlocked([&] { return Q::distribution_quality_ellipse(p.array(), c, a, b, angle); });
     }
   } else {
     Points3 p(pts, "points", 1, true);
     doublecoDynArr radii;
     if (kind.rfind("probed", 0) == 0) radii = radii_array(radii_obj, p.count(), "radii");
     Points3 contacts;
-    if (kind == "probed_cone" && !contacts_obj.is_none()) contacts = Points3(contacts_obj, "contacts", 0);
-    // The field reads touch Python objects, so they are done before the lock is released.
+    if (kind == "probed_cone" && !contacts_obj.is_none()) contacts = Points3(contacts_obj, "contacts", 0, true);
     q = -1.0;
     if (kind == "line") {
       auto pt = f.p3("point");
