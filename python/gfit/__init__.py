@@ -103,10 +103,10 @@ def fit_cylinder(points, normals=None, guess=None, angle=TEN_DEGREES) -> Cylinde
     return Cylinder(**_core.fit_cylinder(points, normals, guess, angle))
 
 
-def fit_cylinders(points, normals, tolerance, count=2, angle=TEN_DEGREES) -> list:
+def fit_cylinders(points, tolerance, normals=None, count=2, angle=TEN_DEGREES) -> list:
     """Up to ``count`` distinct cylinders in one point set, each with an RMS below
-    ``tolerance`` (length); ``normals`` (n, 3) are preferred axis directions. Returns a list
-    of Cylinder (possibly empty)."""
+    ``tolerance`` (length); ``normals`` (n, 3), when given, are preferred axis directions.
+    Returns a list of Cylinder (possibly empty)."""
     return [Cylinder(**c) for c in _core.fit_cylinders(points, normals, tolerance, angle, count)]
 
 
@@ -118,7 +118,7 @@ def fit_cone(points, normals=None, guess=None, angle=TEN_DEGREES) -> Cone:
     return Cone(**_core.fit_cone(points, normals, guess, angle))
 
 
-def fit_cones(points, normals, tolerance, count=2, angle=TEN_DEGREES) -> list:
+def fit_cones(points, tolerance, normals=None, count=2, angle=TEN_DEGREES) -> list:
     """Up to ``count`` distinct cones in one point set with an RMS below ``tolerance``."""
     return [Cone(**c) for c in _core.fit_cones(points, normals, tolerance, angle, count)]
 

@@ -1,7 +1,7 @@
 """Plots of fitted elements (matplotlib, imported only with this module).
 
 Each function returns a matplotlib Figure and, given ``path``, also writes it (PNG or SVG by
-the extension). The figures are drawn on the Agg canvas directly, without pyplot, so they
+the extension; PNG at ``dpi`` dots per inch). The figures are drawn on the Agg canvas directly, without pyplot, so they
 render without a display and leave the caller's pyplot backend alone; in Jupyter a returned
 Figure shows inline.
 
@@ -44,7 +44,7 @@ def _micrometres(values):
     return np.asarray(values) * 1000.0
 
 
-def roundness(points, path=None, title="Roundness"):
+def roundness(points, path=None, title="Roundness", dpi=100):
     """Polar roundness plot of an (n, 2) profile in mm.
 
     Drawn about the minimum-zone centre: the profile's radial deviation from the zone's
@@ -84,7 +84,7 @@ def roundness(points, path=None, title="Roundness"):
                  fontsize=9)
     ax.legend(loc="lower left", bbox_to_anchor=(-0.12, -0.14), fontsize=7, frameon=False)
     fig.text(0.99, 0.01, "radial deviation from the zone's middle circle, µm", ha="right", fontsize=7)
-    return _save(fig, path)
+    return _save(fig, path, dpi)
 
 
 def _unrolled(result, points):
@@ -113,7 +113,7 @@ def _unrolled(result, points):
     return around, v @ axis, "angle around the axis (degrees)", "position along the axis (mm)"
 
 
-def form_map(result, points, path=None, title=None):
+def form_map(result, points, path=None, title=None, dpi=100):
     """Form map of a fitted cylinder, cone or plane: each point at its place on the
     unrolled surface, coloured by its signed deviation from the element (µm, positive
     outside; red outside, blue inside). Returns the Figure."""
@@ -140,10 +140,11 @@ def form_map(result, points, path=None, title=None):
     name = type(result).__name__.lower()
     ax.set_title(title or f"Form map of the {name}: RMS {_micrometres(result.residual):.2f} µm, "
                           f"range {np.ptp(dev):.2f} µm", fontsize=9)
-    return _save(fig, path)
+    return _save(fig, path, dpi)
 
 
-def deviation_map(deviations, points, path=None, tolerance=None, title="Deviations from the CAD part"):
+def deviation_map(deviations, points, path=None, tolerance=None, title="Deviations from the CAD part",
+                  dpi=100):
     """3-D scatter of the (n, 3) points coloured by their deviation from a CAD part
     (``gfit.deviations``), in mm. ``tolerance`` (mm): the colour scale spans the band
     ±tolerance, points beyond it take the end colours and are outlined, and the band is
@@ -177,4 +178,4 @@ def deviation_map(deviations, points, path=None, tolerance=None, title="Deviatio
     if tolerance:
         summary += f", {int(np.count_nonzero(outside))} outside ±{limit:g} mm"
     ax.set_title(f"{title}\n{summary}", fontsize=9)
-    return _save(fig, path)
+    return _save(fig, path, dpi)
