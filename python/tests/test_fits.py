@@ -254,3 +254,45 @@ def test_containment_cone_of_normals(rng):
     cone = gfit.containment_cone(dirs)
     assert same_axis(cone.axis, axis) < 1e-3 and cone.half_angle == pytest.approx(tilt, abs=1e-3)
     assert np.all(dirs @ cone.axis >= np.cos(cone.half_angle) - 1e-12)
+
+
+def in_plane(points):
+    return (points[0], [0.0, 0.0, 1.0])
+
+
+RMS = [
+    # every fit whose residual is the RMS of its distances: the residuals agree with it
+    ("line in plane", lambda p: gfit.fit_line(p, plane=in_plane(p)), "torus.xyz"),
+    ("circle in plane", lambda p: gfit.fit_circle(p, plane=in_plane(p)), "torus.xyz"),
+    ("ellipse in plane", lambda p: gfit.fit_ellipse(p, plane=([0, 0, 1], [0.1, 0, 1]), direction=[1, 1, 0]),
+     "torus.xyz"),
+    ("line", gfit.fit_line, "line.xyz"),
+    ("probed torus", lambda p: gfit.fit_probed_torus(p[:, :3], p[:, 3]), "probed-torus.xyzr"),
+    ("probed sphere", lambda p: gfit.fit_probed_sphere(p[:, :3], p[:, 3]), "probed-sphere.xyzr"),
+    ("probed cylinder", lambda p: gfit.fit_probed_cylinder(p, 1.0), "cylinder.xyz"),
+    ("probed cone", lambda p: gfit.fit_probed_cone(p, 0.5, inside=True), "cone.xyz"),
+    ("probed circle", lambda p: gfit.fit_probed_circle(p, 0.5, inside=True), "roundness.xy"),
+    ("probed plane", lambda p: gfit.fit_probed_plane(p, 0.25, np.tile([0.0, 0, 1], (len(p), 1))), "plane.xyz"),
+    ("circle in space", gfit.fit_circle, "torus.xyz"),
+]
+
+
+@pytest.mark.parametrize("name,fit,data", RMS, ids=[c[0] for c in RMS])
+def test_residuals_rms_is_the_fit_residual(name, fit, data):
+    from conftest import load
+    points = load(data)
+    result = fit(points)
+    coords = points[:, :3] if points.shape[1] == 4 else points
+    res = result.residuals(coords)
+    assert np.sqrt(np.mean(res ** 2)) == pytest.approx(result.residual, rel=1e-9, abs=1e-15)
+
+
+def test_axis_of_revolution_from_a_cylinder(rng):
+    points, truth = on_cylinder(rng, arc=2 * np.pi)
+    v = points - truth["point"]
+    radial = v - np.outer(v @ truth["direction"], truth["direction"])
+    normals = radial / np.linalg.norm(radial, axis=1)[:, None]
+    axis = gfit.fit_axis_of_revolution(points, normals)
+    assert same_axis(axis.direction, truth["direction"]) < 1e-3
+    res = axis.residuals(points, normals)
+    assert np.sqrt(np.mean(res ** 2)) == pytest.approx(axis.residual, rel=1e-6)
