@@ -14,6 +14,7 @@
 #include "gfit/platform/pagearr.h"
 #include "gfit/platform/parallel.h"
 #include "gfit/platform/point.h"
+#include "gfit/platform/quadratic_minimiser.h"
 #include "gfit/platform/random.h"
 #include "gfit/platform/report.h"
 #include "gfit/platform/shapes.h"
@@ -58,3 +59,6 @@
 #include "gfit/extremal/containment_cone.h"
 #include "gfit/extremal/inscribed.h"
 #include "gfit/extremal/minmax.h"
+
+// alignment
+#include "gfit/alignment/points_to_points.h"
