@@ -59,6 +59,7 @@
 #include "gfit/extremal/containment_cone.h"
 #include "gfit/extremal/inscribed.h"
 #include "gfit/extremal/minmax.h"
+#include "gfit/extremal/minimum_zone_fits.h"
 
 // alignment
 #include "gfit/alignment/points_to_points.h"
