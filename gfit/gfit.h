@@ -52,6 +52,7 @@
 #include "gfit/leastsquares/sphere.h"
 #include "gfit/leastsquares/sphere_fit.h"
 #include "gfit/leastsquares/torus.h"
+#include "gfit/leastsquares/uncertainty.h"
 
 // extremal fits
 #include "gfit/extremal/circle_fit_utils.h"
