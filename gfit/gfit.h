@@ -54,6 +54,7 @@
 #include "gfit/leastsquares/sphere.h"
 #include "gfit/leastsquares/sphere_fit.h"
 #include "gfit/leastsquares/torus.h"
+#include "gfit/leastsquares/uncertainty.h"
 
 // extremal fits
 #include "gfit/extremal/circle_fit_utils.h"
@@ -61,6 +62,7 @@
 #include "gfit/extremal/containment_cone.h"
 #include "gfit/extremal/inscribed.h"
 #include "gfit/extremal/minmax.h"
+#include "gfit/extremal/minimum_zone_fits.h"
 
 // alignment
 #include "gfit/alignment/affine_match.h"

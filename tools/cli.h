@@ -76,6 +76,9 @@ std::vector<Element> extremal_elements();
 std::vector<Element> cone_elements();
 std::vector<Element> torus_elements();
 
+// `gfit form plane|line3|sphere|cylinder FILE`: least-squares and minimum-zone form errors.
+int run_form(std::vector<std::string> const& args);
+
 // `gfit deviations --cad PART POINTS`: deviations of measured points from a CAD part
 // (built with gfit::cad only).
 int run_deviations(std::vector<std::string> const& args);

@@ -2,6 +2,7 @@
 //
 //   gfit fit <element> FILE [options]    FILE holds one point per line ('-': standard input)
 //   gfit elements                        lists the elements and their options
+//   gfit form <element> FILE             least-squares and minimum-zone form errors
 //   gfit deviations --cad PART POINTS    deviations of the points from a CAD part (CSV or --json)
 //   gfit affine PAIRS                    the affine map between corresponding points
 //   gfit align --cad PART POINTS ...     alignment of the points to a CAD part (tools/align.cpp)
@@ -130,6 +131,8 @@ std::vector<Element> const& elements() {
 void usage(std::ostream& os) {
   os << "usage: gfit fit <element> FILE [options]   fit an element to the points in FILE ('-': standard input)\n"
         "       gfit elements                      list the elements and their options\n"
+        "       gfit form plane|line3|sphere|cylinder FILE\n"
+        "                                          least-squares and minimum-zone form errors\n"
 #ifdef GFIT_CLI_CAD
         "       gfit deviations --cad PART.step POINTS [--radius R] [--json]\n"
         "                                          deviations of the points from a CAD part\n"
@@ -228,6 +231,7 @@ int main(int argc, char** argv) {
   }
   if (args[0] == "fit") return run_fit(std::vector<std::string>(args.begin() + 1, args.end()));
   if (args[0] == "affine") return run_affine(std::vector<std::string>(args.begin() + 1, args.end()));
+  if (args[0] == "form") return run_form(std::vector<std::string>(args.begin() + 1, args.end()));
 #ifdef GFIT_CLI_CAD
   if (args[0] == "deviations") return run_deviations(std::vector<std::string>(args.begin() + 1, args.end()));
   if (args[0] == "align") return run_align(std::vector<std::string>(args.begin() + 1, args.end()));
