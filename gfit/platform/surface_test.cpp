@@ -2,6 +2,7 @@
 // from files, copies and transforms (rigid and non-uniform), bad input and threads.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <functional>
@@ -12,7 +13,14 @@
 #include "test/support/cad_shapes.h"
 #include "test/support/samplers.h"
 
+
 namespace {
+
+// A file name of this run's own: test programs of several build trees may run at once.
+std::string scratch_path(char const* name, char const* ext) {
+  auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
+  return ::testing::TempDir() + name + "_" + std::to_string(stamp) + ext;
+}
 
 using namespace gfit::testing;
 
@@ -199,7 +207,7 @@ TEST(SurfaceKernel, NormalsPointOutOfTheSolidAlsoAfterAFileRoundTrip) {
     ASSERT_TRUE(part);
     expect_outward(*part, probes, "as made");
     for (char const* ext : {".step", ".iges", ".brep"}) {
-      std::string path = ::testing::TempDir() + "gfit_part" + ext;
+      std::string path = scratch_path("gfit_part", ext);
       std::string error;
       ASSERT_TRUE(part->write(path, error)) << error;
       tskSurfPtr back = tskSurf::read(path, error);
@@ -318,11 +326,11 @@ TEST(SurfaceKernel, BadInputIsRefusedWithoutACrash) {
   std::string error;
   EXPECT_FALSE(tskSurf::read("/no/such/part.step", error));
   EXPECT_NE(error.find("cannot read"), std::string::npos);
-  std::string garbage = ::testing::TempDir() + "gfit_garbage.step";
+  std::string garbage = scratch_path("gfit_garbage", ".step");
   std::ofstream(garbage) << "ISO-10303-21;\nthis is not a step file\n";
   EXPECT_FALSE(tskSurf::read(garbage, error));
   EXPECT_FALSE(error.empty());
-  std::string renamed = ::testing::TempDir() + "gfit_garbage.txt";
+  std::string renamed = scratch_path("gfit_garbage", ".txt");
   std::rename(garbage.c_str(), renamed.c_str());
   EXPECT_FALSE(tskSurf::read(renamed, error));
   EXPECT_NE(error.find("unknown CAD format"), std::string::npos);
