@@ -2,6 +2,7 @@
 // from files, copies and transforms (rigid and non-uniform), bad input and threads.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <functional>
@@ -338,6 +339,41 @@ TEST(SurfaceKernel, BadInputIsRefusedWithoutACrash) {
     s->project(p, feet);
     EXPECT_TRUE(feet.empty());
   }
+}
+
+#if !defined(_WIN32)
+void host_fault_handler(int) {}
+#endif
+
+// bracket.step with one entity broken, each of which made OpenCASCADE's reader dereference
+// null (files named after the break): refused with a message, the host's own fault handler
+// in place afterwards, and good files still read.
+TEST(SurfaceKernel, FilesThatFaultTheReaderAreRefused) {
+  std::string const dir = GFIT_TEST_DATA_DIR "/malformed-step/";
+#if !defined(_WIN32)
+  struct sigaction host {}, saved {}, now {};
+  host.sa_handler = host_fault_handler;
+  sigemptyset(&host.sa_mask);
+  ASSERT_EQ(sigaction(SIGSEGV, &host, &saved), 0);
+#endif
+  for (char const* name : {"pcurve_without_items.step", "vector_without_name.step", "face_bound_missing.step",
+                           "edge_loop_without_edges.step", "surface_curve_without_pcurves.step",
+                           "oriented_edge_renumbered.step"}) {
+    std::string error;
+    EXPECT_FALSE(tskSurf::read(dir + name, error)) << name;
+    EXPECT_NE(error.find("cannot parse " + dir + name + ": the reader faulted"), std::string::npos) << error;
+#if !defined(_WIN32)
+    sigaction(SIGSEGV, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, &host_fault_handler) << name;
+#endif
+  }
+#if !defined(_WIN32)
+  sigaction(SIGSEGV, &saved, nullptr);
+#endif
+  std::string error;
+  tskSurfPtr part = tskSurf::read(GFIT_TEST_DATA_DIR "/../../data/bracket.step", error);
+  ASSERT_TRUE(part) << error;
+  EXPECT_EQ(part->n_faces(), 19);
 }
 
 TEST(SurfaceKernel, ThreadsShareASurfaceAndGetTheSameBits) {
