@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
@@ -98,12 +99,20 @@ bool read_points(std::istream& in, int columns, PointTable& table, std::string& 
   auto end_field = [&]() -> bool {
     if (field_length == 0) return true;
     field[field_length] = '\0';
-    char* end = nullptr;
-    errno = 0;
-    // Underflow (ERANGE with a tiny result) gives the nearest double and is kept; overflow
+    // The common case, a plain decimal, through the fast locale-free parser; anything else
+    // (a sign '+', hexadecimal, under- or overflow, garbage) through strtod, whose rules
+    // decide: underflow gives the nearest double, subnormal or zero, and is kept; overflow
     // gives an infinity and is refused with the other non-finite values.
-    double v = std::strtod(field, &end);
-    if (end != field + field_length || !std::isfinite(v)) {
+    double v = 0.0;
+    char const* end = field + field_length;
+    auto parsed = std::from_chars(field, end, v);
+    if (parsed.ec != std::errc() || parsed.ptr != end) {
+      char* stop = nullptr;
+      errno = 0;
+      v = std::strtod(field, &stop);
+      if (stop != end) v = NAN;
+    }
+    if (!std::isfinite(v)) {
       error = where() + ": '" + printable(field, field_length) + "' is not a finite number";
       return false;
     }
