@@ -74,9 +74,10 @@ class GFIT_CAD_EXPORT tskSurf {
   // extension (any case). A missing, unreadable or malformed file, or one without any shape,
   // gives an empty handle and a message in `error`. OpenCASCADE's console output is silenced.
   //
-  // Files are untrusted: OpenCASCADE's readers fault (null or out-of-range references) on
-  // malformed files, so the read runs under a fault guard and such a file gives an error
-  // instead of ending the process. What the guard does to the host, on POSIX systems: for the
+  // Files are untrusted: OpenCASCADE's transfer dereferences what a malformed file leaves null
+  // or out of range. STEP and IGES files whose entities fail OpenCASCADE's own checks are
+  // refused before the transfer; what the checks miss runs under a fault guard, so that such
+  // a file gives an error instead of ending the process. What the guard does to the host, on POSIX systems: for the
   // duration of the call only, it replaces the process's handlers of SIGSEGV, SIGBUS, SIGFPE
   // and SIGILL with one that turns a fault of the reading thread into OpenCASCADE's failure
   // (a long jump to its OCC_CATCH_SIGNALS) and hands a fault of any other thread to the

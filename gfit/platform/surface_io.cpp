@@ -17,6 +17,7 @@
 #include <IFSelect_ReturnStatus.hxx>
 #include <IGESControl_Reader.hxx>
 #include <IGESControl_Writer.hxx>
+#include <Interface_CheckIterator.hxx>
 #include <Interface_Static.hxx>
 #include <Message.hxx>
 #include <Message_Messenger.hxx>
@@ -26,12 +27,14 @@
 #include <Standard_Failure.hxx>
 #include <Standard_NumericError.hxx>
 #include <TopoDS_Shape.hxx>
+#include <XSControl_WorkSession.hxx>
 
 #include <algorithm>
 #include <cctype>
 #include <exception>
 #include <fstream>
 #include <mutex>
+#include <optional>
 
 #if defined(_WIN32)
 #include <OSD.hxx>
@@ -186,6 +189,13 @@ bool read_with(Reader& reader, std::string const& path, TopoDS_Shape& shape, std
     error = "cannot parse " + path;
     return false;
   }
+  // Entities that fail their own checks (a missing mandatory reference, an empty list where
+  // items are required) are what the transfer dereferences blindly: refuse them here, before
+  // anything can fault.
+  if (!reader.WS()->ModelCheckList(Standard_True).IsEmpty(Standard_True)) {
+    error = "cannot parse " + path + ": entities fail their checks";
+    return false;
+  }
   if (reader.TransferRoots() == 0) {
     error = path + " holds no shape";
     return false;
@@ -200,44 +210,55 @@ bool read_with(Reader& reader, std::string const& path, TopoDS_Shape& shape, std
 namespace gfit::detail {
 namespace {
 
-// The file's shape, read and transferred under the fault guard, and the surface over it.
-// Whatever goes wrong ends here as an empty handle and a message.
-tskSurfPtr guarded_read(std::string const& path, std::string const& ext, std::string& error) {
-  tskSurfPtr surface;
+// Runs `step` with the fault guard's jump target armed: a fault anywhere below lands here and
+// is rethrown as a Standard_Failure. Frames below are abandoned by the jump, so the objects
+// that own what a file makes (the reader and its model, the shape) must live in the caller.
+// Whatever goes wrong ends as false and a message.
+template <class Step>
+bool guarded(std::string const& path, std::string& error, Step&& step) {
   try {
-    // A fault anywhere below lands here and is rethrown as a Standard_Failure. Objects made
-    // after this point are abandoned by the jump, so a file that faults leaks what the
-    // reader had allocated; the reader's settings and messenger are restored by the caller.
     OCC_CATCH_SIGNALS
-    TopoDS_Shape shape;
-    Interface_Static::SetCVal("xstep.cascade.unit", "MM");
-    if (ext == "step" || ext == "stp") {
-      STEPControl_Reader reader;
-      if (!read_with(reader, path, shape, error)) return nullptr;
-    } else if (ext == "iges" || ext == "igs") {
-      IGESControl_Reader reader;
-      if (!read_with(reader, path, shape, error)) return nullptr;
-    } else {
-      BRep_Builder builder;
-      if (!BRepTools::Read(shape, path.c_str(), builder) || shape.IsNull()) {
-        error = "cannot parse " + path;
-        return nullptr;
-      }
-    }
-    if (shape.IsNull()) {
-      error = path + " holds no shape";
-      return nullptr;
-    }
-    surface = tskSurf::from_shape(shape);
-    if (!surface) error = "cannot build the faces of " + path;
+    return step();
   } catch (Standard_Failure const& e) {
     error = "cannot parse " + path + ": " + e.GetMessageString();
-    return nullptr;
   } catch (std::exception const& e) {
     error = "cannot parse " + path + ": " + e.what();
-    return nullptr;
   } catch (...) {
     error = "cannot parse " + path;
+  }
+  return false;
+}
+
+// The file's shape and the surface over it.
+tskSurfPtr read_file(std::string const& path, std::string const& ext, std::string& error) {
+  std::optional<STEPControl_Reader> step;
+  std::optional<IGESControl_Reader> iges;
+  TopoDS_Shape shape;
+  tskSurfPtr surface;
+  Interface_Static::SetCVal("xstep.cascade.unit", "MM");
+  if (ext == "step" || ext == "stp")
+    step.emplace();
+  else if (ext == "iges" || ext == "igs")
+    iges.emplace();
+  const bool read = guarded(path, error, [&] {
+    if (step) return read_with(*step, path, shape, error);
+    if (iges) return read_with(*iges, path, shape, error);
+    BRep_Builder builder;
+    if (BRepTools::Read(shape, path.c_str(), builder) && !shape.IsNull()) return true;
+    error = "cannot parse " + path;
+    return false;
+  });
+  if (!read) return nullptr;
+  if (shape.IsNull()) {
+    error = path + " holds no shape";
+    return nullptr;
+  }
+  const bool built = guarded(path, error, [&] {
+    surface = tskSurf::from_shape(shape);
+    return surface != nullptr;
+  });
+  if (!built) {
+    if (error.empty()) error = "cannot build the faces of " + path;
     return nullptr;
   }
   return surface;
@@ -260,7 +281,7 @@ tskSurfPtr tskSurf::read(std::string const& path, std::string& error) {
   std::lock_guard<std::mutex> lock(io_mutex());
   QuietMessenger quiet;
   FaultGuard guard;
-  tskSurfPtr surface = guarded_read(path, ext, error);
+  tskSurfPtr surface = read_file(path, ext, error);
   if (guard.faulted()) {
     error = "cannot parse " + path + ": the reader faulted on it";
     return nullptr;
