@@ -7,6 +7,10 @@
 // a repeat of the previous point's coordinate. An entry must return, never crash, hang or
 // trip a sanitizer; a refusal must leave its outputs as they were.
 //
+// Each input gets a time budget through the host's cancel flag (GFIT_FUZZ_BUDGET_MS, 2000 by
+// default), so that a search that polls the flag cannot stall the fuzzer; a cancelled fit is
+// an ordinary failure here.
+//
 // GFIT_FUZZ_SKIP (environment): comma-separated entry numbers not to call, for crashers
 // already recorded in fuzz/crashers/ and reported to the owners of the code.
 #include <cfloat>
@@ -15,7 +19,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <atomic>
+#include <chrono>
 #include <limits>
+#include <thread>
 #include <vector>
 
 #include "gfit/gfit.h"
@@ -145,6 +152,37 @@ bool skipped(int entry) {
 }
 
 constexpr int n_entries = 41;
+
+// Sets the cancel flag once the current input has run for longer than its budget.
+class Watchdog {
+ public:
+  Watchdog() {
+    char const* text = std::getenv("GFIT_FUZZ_BUDGET_MS");
+    budget_ms_ = text ? std::atoll(text) : 2000;
+    std::thread([this] {
+      for (;;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        long long start = start_ms_.load();
+        if (start >= 0 && now_ms() - start > budget_ms_) flag_.store(true);
+      }
+    }).detach();
+  }
+  void begin() {
+    flag_.store(false);
+    start_ms_.store(now_ms());
+    gfSetCancelFlag(&flag_);
+  }
+  void end() { start_ms_.store(-1); }
+
+ private:
+  static long long now_ms() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+  }
+  std::atomic<bool> flag_{false};
+  std::atomic<long long> start_ms_{-1};
+  long long budget_ms_ = 2000;
+};
 
 void run(Input& in) {
   using E = gfLeastSquareEvaluator;
@@ -286,6 +324,9 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   if (size < 4) return 0;
   Input in = decode(data, size);
   if (skipped(in.entry % n_entries)) return 0;
+  static Watchdog* watchdog = new Watchdog;  // lives as long as its thread
+  watchdog->begin();
   run(in);
+  watchdog->end();
   return 0;
 }
