@@ -12,7 +12,20 @@ GFIT := $(BUILD_DIR)/tools/gfit
 # Debian's interpreter, which has the packages scripts/install-deps installs.
 PYTHON ?= $(shell [ -x /usr/bin/python3 ] && echo /usr/bin/python3 || echo python3)
 
-.PHONY: all deps configure build test demo bench clean
+# Sanitizer and fuzzing builds live beside the plain one.
+ASAN_BUILD_DIR ?= build-asan
+FUZZ_BUILD_DIR ?= build-fuzz
+FUZZ_SECONDS ?= 60
+FUZZERS ?= point_reader_fuzz fits_fuzz cad_reader_fuzz
+# Leaks LeakSanitizer must not report: OpenCASCADE's one-time static allocations only.
+# OpenCASCADE has no frame pointers: the suppressed frames only show with the slow unwinder,
+# which the tests can afford; the CAD fuzzer reads with leak checks off (see its source).
+SANITIZER_ENV = LSAN_OPTIONS=suppressions=$(CURDIR)/.ci/lsan.supp:print_suppressions=0 \
+	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+TEST_ASAN_OPTIONS = ASAN_OPTIONS=detect_leaks=1:fast_unwind_on_malloc=0:strict_string_checks=1
+FUZZ_ASAN_OPTIONS = ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1
+
+.PHONY: all deps configure build test demo bench clean test-asan fuzz-build fuzz
 
 all: build
 
@@ -64,5 +77,41 @@ bench: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_benchmarks
 	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done
 
+# The unit and command-line tests in a Debug build (asserts on) under AddressSanitizer and
+# UndefinedBehaviorSanitizer; any report fails the test that caused it. -O1 because Eigen
+# without inlining makes the large-data tests crawl.
+test-asan: deps
+	@cmake -S . -B $(ASAN_BUILD_DIR) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 -DGFIT_SANITIZE=address,undefined \
+		-DGFIT_BUILD_BENCHMARKS=OFF -DGFIT_BUILD_EXAMPLES=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(ASAN_BUILD_DIR) -j $(JOBS)
+	@$(SANITIZER_ENV) $(TEST_ASAN_OPTIONS) ctest --test-dir $(ASAN_BUILD_DIR) --output-on-failure -j $(JOBS)
+
+# The libFuzzer harnesses of fuzz/ (clang, with AddressSanitizer and UndefinedBehaviorSanitizer;
+# asserts on, -O1: quick to build, and an assert that input can reach is a finding too).
+fuzz-build: deps
+	@command -v clang++ >/dev/null || { echo "fuzz: clang++ is needed (scripts/install-deps)"; exit 1; }
+	@CXX=clang++ cmake -S . -B $(FUZZ_BUILD_DIR) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 -DGFIT_FUZZ=ON \
+		-DGFIT_BUILD_TESTS=OFF -DGFIT_BUILD_BENCHMARKS=OFF -DGFIT_BUILD_EXAMPLES=OFF \
+		-DGFIT_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS) --target $(FUZZERS)
+
+# Runs each harness for FUZZ_SECONDS, one after the other, from the seed corpus in
+# fuzz/corpus/ (and, for the CAD reader, the malformed parts of test/data; new inputs go to the build directory, not the repository). A crash, leak,
+# sanitizer report or a run longer than 30 s on one input fails; the input is kept in
+# $(FUZZ_BUILD_DIR)/artifacts/. GFIT_FUZZ_SKIP lists fits_fuzz entries to leave out.
+fuzz: fuzz-build
+	@mkdir -p $(FUZZ_BUILD_DIR)/artifacts
+	@for f in $(FUZZERS); do \
+		mkdir -p $(FUZZ_BUILD_DIR)/corpus/$$f; \
+		dict=""; [ -f fuzz/$$f.dict ] && dict="-dict=fuzz/$$f.dict"; \
+		seeds=fuzz/corpus/$$f; [ $$f = cad_reader_fuzz ] && seeds="$$seeds test/data/malformed-step"; \
+		echo "== $$f for $(FUZZ_SECONDS) s"; \
+		$(SANITIZER_ENV) $(FUZZ_ASAN_OPTIONS) $(FUZZ_BUILD_DIR)/fuzz/$$f $(FUZZ_BUILD_DIR)/corpus/$$f $$seeds $$dict \
+			-max_total_time=$(FUZZ_SECONDS) -timeout=30 -rss_limit_mb=4096 -print_final_stats=1 \
+			-artifact_prefix=$(FUZZ_BUILD_DIR)/artifacts/$$f- 2>$(FUZZ_BUILD_DIR)/$$f.log \
+			|| { tail -60 $(FUZZ_BUILD_DIR)/$$f.log; exit 1; }; \
+		grep -E "stat::number_of_executed_units|stat::peak_rss_mb" $(FUZZ_BUILD_DIR)/$$f.log; \
+	done
+
 clean:
-	@rm -rf $(BUILD_DIR)
+	@rm -rf $(BUILD_DIR) $(ASAN_BUILD_DIR) $(FUZZ_BUILD_DIR)

@@ -9,6 +9,8 @@
 
 namespace {
 std::atomic<int> max_threads{0};
+std::atomic<int> forced_threads{0};
+std::atomic<long long> worker_items{0};
 }  // namespace
 
 int gfSetMaxThreads(int n) { return max_threads.exchange(n < 0 ? 0 : n); }
@@ -16,7 +18,11 @@ int gfMaxThreads() { return max_threads.load(); }
 
 namespace gfit::detail {
 
+int force_threads_for_testing(int n) { return forced_threads.exchange(n < 0 ? 0 : n); }
+long long work_done_by_workers() { return worker_items.load(); }
+
 int threads_for(int items, double cost) {
+  if (const int forced = forced_threads.load(); forced > 1) return std::max(1, std::min(forced, items));
   int limit = max_threads.load();
   int hardware = static_cast<int>(std::thread::hardware_concurrency());
   if (hardware < 1) hardware = 1;
@@ -38,7 +44,9 @@ void parallel_for(int n, int threads, std::function<void(int, int)> const& body)
   auto run = [&](int worker) {
     // Workers poll the cancel flag of the thread whose fit started them.
     std::atomic<bool> const* previous = gfSetCancelFlag(flag);
-    for (int i = next.fetch_add(1); i < n; i = next.fetch_add(1)) body(i, worker);
+    long long done = 0;
+    for (int i = next.fetch_add(1); i < n; i = next.fetch_add(1), ++done) body(i, worker);
+    if (worker != 0) worker_items.fetch_add(done);
     gfSetCancelFlag(previous);
   };
   std::vector<std::thread> pool;

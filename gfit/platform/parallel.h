@@ -25,6 +25,15 @@ namespace gfit::detail {
 // operations each: 1 when the whole is too small to repay starting threads.
 GFIT_EXPORT int threads_for(int items, double cost);
 
+// For tests of thread independence: with n > 1 every search spreads its work over n threads
+// (fewer only when it has fewer pieces), whatever the hardware and however small the work, so
+// that such tests use threads on a one-CPU machine too; 0 restores the normal choice. Returns
+// the previous value.
+GFIT_EXPORT int force_threads_for_testing(int n);
+// The pieces of work that threads other than the calling one have run since the process
+// started: a test reads it before and after a fit to see that the threads really worked.
+GFIT_EXPORT long long work_done_by_workers();
+
 // Calls body(i, worker) for every i in [0, n), spread over `threads` threads (the calling
 // thread included); `worker` in [0, threads) names the thread, for its own scratch space.
 // Returns when all are done.

@@ -73,6 +73,25 @@ class GFIT_CAD_EXPORT tskSurf {
   // Reads a STEP (.step, .stp), IGES (.iges, .igs) or BREP (.brep, .brp) file, chosen by the
   // extension (any case). A missing, unreadable or malformed file, or one without any shape,
   // gives an empty handle and a message in `error`. OpenCASCADE's console output is silenced.
+  //
+  // Files are untrusted: OpenCASCADE's transfer dereferences what a malformed file leaves null
+  // or out of range. STEP and IGES files whose entities fail OpenCASCADE's own checks are
+  // refused before the transfer; what the checks miss runs under a fault guard, so that such
+  // a file gives an error instead of ending the process. What the guard does to the host, on POSIX systems: for the
+  // duration of the call only, it replaces the process's handlers of SIGSEGV, SIGBUS, SIGFPE
+  // and SIGILL with one that turns a fault of the reading thread into OpenCASCADE's failure
+  // (a long jump to its OCC_CATCH_SIGNALS) and hands a fault of any other thread to the
+  // handler the host had installed (or, for the default action, back to the system); it gives
+  // the reading thread an alternate signal stack if it has none, so that a stack overflow is
+  // caught too. On return the host's handlers, alternate stack and floating-point environment
+  // are exactly as before; nothing else (SIGINT, SIGTERM, floating-point traps) is touched,
+  // and OSD::SetSignal is not called, so a host that set its own handlers keeps them. A host
+  // that installs fault handlers while a file is being read on another thread has them
+  // replaced when the read ends. On Windows the reading thread's structured-exception
+  // translator is set (OSD::SetThreadLocalSignal), which needs a host built with /EHa.
+  // The guard keeps the host alive, not the reader's memory tidy: a file that faults leaks
+  // what OpenCASCADE had allocated for it, and a fault inside the heap itself cannot be
+  // recovered. Reading never hangs on the files tested so far, but a read cannot be cancelled.
   static tskSurfPtr read(std::string const& path, std::string& error);
   // Writes the surface as STEP, IGES or BREP (by extension); false with a message on failure.
   bool write(std::string const& path, std::string& error) const;

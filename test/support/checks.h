@@ -31,7 +31,8 @@ void expect_refused_untouched(int status, giUnitVec3 const& direction, gfReason 
 // The numbers a fit returns, to compare bit for bit.
 using Bits = std::vector<double>;
 inline Bits bits(mlVector const& v) { return Bits(v.data(), v.data() + v.size()); }
-// `fit` gives the same bits twice with one thread and once more with two.
+// `fit` gives the same bits twice with one thread and again with two and three threads
+// forced (whatever the CPU count), and the forced threads really ran part of the work.
 void expect_thread_independent(std::function<Bits()> const& fit);
 
 }  // namespace gfit::testing
