@@ -12,7 +12,7 @@ GFIT := $(BUILD_DIR)/tools/gfit
 # Debian's interpreter, which has the packages scripts/install-deps installs.
 PYTHON ?= $(shell [ -x /usr/bin/python3 ] && echo /usr/bin/python3 || echo python3)
 
-.PHONY: all deps configure build test demo bench clean
+.PHONY: all deps configure build test demo bench bench-peers clean
 
 all: build
 
@@ -63,6 +63,12 @@ bench: configure
 	@cmake -S . -B $(BUILD_DIR) >/dev/null
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_benchmarks
 	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done
+
+# The surface best fit beside Open3D's point-to-plane ICP on the same points (bench/icp_peer.py).
+bench-peers: configure
+	@scripts/install-deps --bench
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target bench_alignment
+	@$(PYTHON) bench/icp_peer.py --bench $(BUILD_DIR)/bench/bench_alignment
 
 clean:
 	@rm -rf $(BUILD_DIR)
