@@ -27,7 +27,7 @@ SANITIZER_ENV = LSAN_OPTIONS=suppressions=$(CURDIR)/.ci/lsan.supp:print_suppress
 TEST_ASAN_OPTIONS = ASAN_OPTIONS=detect_leaks=1:fast_unwind_on_malloc=0:strict_string_checks=1
 FUZZ_ASAN_OPTIONS = ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1
 
-.PHONY: all deps configure build test demo bench clean test-asan fuzz-build fuzz
+.PHONY: all deps configure build test demo bench bench-peers clean test-asan fuzz-build fuzz
 
 all: build
 
@@ -114,6 +114,11 @@ fuzz: fuzz-build
 			|| { tail -60 $(FUZZ_BUILD_DIR)/$$f.log; exit 1; }; \
 		grep -E "stat::number_of_executed_units|stat::peak_rss_mb" $(FUZZ_BUILD_DIR)/$$f.log; \
 	done
+# The surface best fit beside Open3D's point-to-plane ICP on the same points (bench/icp_peer.py).
+bench-peers: configure
+	@scripts/install-deps --bench
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target bench_alignment
+	@$(PYTHON) bench/icp_peer.py --bench $(BUILD_DIR)/bench/bench_alignment
 
 clean:
 	@rm -rf $(BUILD_DIR) $(ASAN_BUILD_DIR) $(FUZZ_BUILD_DIR)
