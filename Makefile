@@ -114,6 +114,7 @@ fuzz: fuzz-build
 			|| { tail -60 $(FUZZ_BUILD_DIR)/$$f.log; exit 1; }; \
 		grep -E "stat::number_of_executed_units|stat::peak_rss_mb" $(FUZZ_BUILD_DIR)/$$f.log; \
 	done
+
 # The surface best fit beside Open3D's point-to-plane ICP on the same points (bench/icp_peer.py).
 bench-peers: configure
 	@scripts/install-deps --bench
