@@ -9,11 +9,13 @@
 //  - the points are centred once on their centroid; each trial only rotates them into the
 //    plane, and nothing is allocated per trial (a fitter owns its scratch arrays);
 //  - the fit starts from the algebraic (Kasa) circle and takes at most three damped
-//    Gauss-Newton steps on the geometric distances, stopping once the sum of squares falls
-//    by less than 1e-10 relatively. Near the axis this is the least-squares circle that a
-//    Levenberg-Marquardt fit from the centroid reaches; far from it, a circle whose sum of
-//    squares is within about 1e-6 of that circle's, enough to rank a losing candidate. The
-//    winning candidate of a search is refined by the element's own fit in any case.
+//    Gauss-Newton steps on the geometric distances (or as many as the caller allows),
+//    stopping once the sum of squares falls by less than 1e-10 relatively. Near the axis
+//    this is the least-squares circle that a Levenberg-Marquardt fit from the centroid
+//    reaches; far from it, a circle whose sum of squares is within about 1e-6 of that
+//    circle's, enough to rank a losing candidate. A fit that ran out of steps says so
+//    (`settled` false), so that a search can finish the candidates that contend for a win.
+//    The winning candidate of a search is refined by the element's own fit in any case.
 #pragma once
 
 #include <vector>
@@ -38,17 +40,23 @@ class GFIT_EXPORT CentredPoints {
 };
 
 struct ProjectedCircle {
-  giPoint3 centre;          // in the plane through the origin normal to the direction
+  // The centre from the points' centroid, in the plane through the centroid normal to the
+  // direction: the axis passes through centroid + offset.
+  giVector3 offset;
   double radius = 0.0;
   double sum_of_squares = 0.0;  // of the radial errors
   double largest_error = 0.0;   // the largest |radial error| (roundness)
+  bool settled = true;          // false when the steps ran out before the sum settled
 };
 
 class GFIT_EXPORT CircleAlongDirection {
  public:
+  static constexpr int default_steps = 3;
+
   explicit CircleAlongDirection(CentredPoints const& points);
   // False when the projected points admit no circle (fewer than 3, or all coincident).
-  bool fit(giUnitVec3 const& direction, ProjectedCircle& out);
+  // At most `steps` Gauss-Newton steps.
+  bool fit(giUnitVec3 const& direction, ProjectedCircle& out, int steps = default_steps);
 
  private:
   double pass(double a, double b, double r, double* jtj, double* jte, double& largest) const;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "gfit/leastsquares/distance.h"
+#include "gfit/platform/report.h"
 
 namespace gfit::detail {
 
@@ -49,6 +50,38 @@ bool refine_grown_fit(mlDistanceLeastSquares& problem, mlLevenbergMarquardt& lm,
     if (std::max(1.1 * old_distances[last], range * 1e-6) <= largest) return false;
   }
   return true;
+}
+
+SearchSubset::SearchSubset(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals, int limit)
+    : points_(points), normals_(normals), all_(points.count() <= limit) {
+  if (all_) return;
+  const long long n = points.count();
+  const bool with_normals = normals.count() == points.count();
+  own_points_.reserve(limit);
+  if (with_normals) own_normals_.reserve(limit);
+  for (int k = 0; k < limit; ++k) {
+    const int i = static_cast<int>(n * k / limit);
+    own_points_.append(points[i]);
+    if (with_normals) own_normals_.append(normals[i]);
+  }
+}
+
+bool SearchBudget::go_on() const { return left_ > 0.0 && !cancelled(); }
+
+int SearchBudget::iterations(int points, int cap) const {
+  if (!go_on() || points <= 0) return 0;
+  // A solver run also evaluates the points once at its start and once for its scales.
+  const double affordable = left_ / points - 2.0;
+  return affordable >= cap ? cap : std::max(1, static_cast<int>(affordable));
+}
+
+double SearchBudget::fit(mlLevenbergMarquardt& lm, int points, int cap, mlVector const& start, mlVector& result) {
+  const int allowed = iterations(points, cap);
+  if (allowed == 0) return std::numeric_limits<double>::quiet_NaN();
+  lm.set_max_iterations(allowed);
+  const double value = lm.fit(start, result);
+  charge(static_cast<double>(lm.iterations() + 2) * points);
+  return value;
 }
 
 }  // namespace gfit::detail

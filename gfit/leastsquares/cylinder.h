@@ -50,6 +50,16 @@ using gfFittedCylindercoDynArr = coDynArr<gfFittedCylinder>;
 class GFIT_EXPORT gfLeastSquareCylinder : public gfLeastSquareDistance3 {
  public:
   explicit gfLeastSquareCylinder(giPoint3coDynArr const& points);
+  // The same problem with the axis point measured from `origin`: point = origin + p[0..2],
+  // and normalisation slides it to the foot of the perpendicular from `origin`. The searches
+  // put `origin` at the points' centroid: the axis point then stays among the points,
+  // however far they lie from the coordinate origin. (The foot from the coordinate origin
+  // lies as far from the points as they lie from it, and a tilt of the axis about it moves
+  // the points by that lever: 1e6 away, the tilt and the position of the axis can no longer
+  // be told apart, and the fit loses most of its digits.) The distances are those of the
+  // same cylinder in world coordinates.
+  gfLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3 const& origin);
+  giPoint3 frame_origin() const { return giPoint3(origin_[0], origin_[1], origin_[2]); }
 
   // The direction made unit (a zero one becomes (1, 0, 0)); the axis point moved along the
   // axis to the foot of the perpendicular from the origin; the radius kept, sign included.
@@ -85,6 +95,7 @@ class GFIT_EXPORT gfLeastSquareCylinder : public gfLeastSquareDistance3 {
                     double* jacobian, int ld) const;
 
  private:
+  double origin_[3] = {0.0, 0.0, 0.0};
   mutable mlVector dF_, dG_;
 };
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "gfit/platform/qr_accumulator.h"
+#include "gfit/platform/report.h"
 
 using gfit::detail::TriangularAccumulator;
 
@@ -175,6 +176,11 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
   double last_polish = 0.0;
 
   for (;;) {
+    if (gfit::detail::cancelled()) {
+      termination_ = cancelled;
+      result = p;
+      return std::numeric_limits<double>::quiet_NaN();
+    }
     if (ssr == 0.0) {
       termination_ = zero_residual;
       break;

@@ -34,7 +34,10 @@
 //  - polishing stops contracting, or ran 8 steps (16 in strict mode);
 //  - the iteration limit (default 100 trial evaluations; set_max_iterations).
 //
-// `fit` returns the mean squared distance at the solution (sum of squares / points).
+// `fit` returns the mean squared distance at the solution (sum of squares / points). It
+// polls the host's cancel flag (gfSetCancelFlag, platform/report.h) once per iteration;
+// when the flag is set it stops and returns NaN, a value every caller treats as no
+// solution, with `result` holding the last accepted parameters.
 #pragma once
 
 #include "gfit/gfit_export.h"
@@ -54,6 +57,7 @@ class GFIT_EXPORT mlLevenbergMarquardt {
     iteration_limit,
     no_points,
     non_finite_start,  // a distance at the start is not finite
+    cancelled,         // the host's cancel flag was set
   };
 
   explicit mlLevenbergMarquardt(mlDistanceLeastSquares& problem) : problem_(problem) {}
