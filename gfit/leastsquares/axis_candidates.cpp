@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "gfit/leastsquares/distance.h"
+#include "gfit/platform/parallel.h"
 
 namespace gfit::detail {
 
@@ -195,6 +196,33 @@ bool CircleAlongDirection::fit(giUnitVec3 const& d, ProjectedCircle& out, int st
   out.sum_of_squares = s;
   out.largest_error = largest;
   return true;
+}
+
+int best_projected_circle(std::vector<CircleAlongDirection>& fitters, std::vector<giUnitVec3> const& directions,
+                          std::vector<char> const& used, std::vector<ProjectedCircle>& circles,
+                          std::vector<char>& fitted, double contender, int finish_steps, RankingWork& work) {
+  const int count = static_cast<int>(directions.size());
+  parallel_for(count, static_cast<int>(fitters.size()), [&](int j, int worker) {
+    fitted[j] = used[j] && fitters[worker].fit(directions[j], circles[j], 0);
+  });
+  double smallest = DBL_MAX;
+  for (int j = 0; j < count; ++j) {
+    work.fits += used[j] ? 1 : 0;
+    if (fitted[j]) smallest = std::min(smallest, circles[j].sum_of_squares);
+  }
+  for (int j = 0; j < count; ++j)
+    if (fitted[j] && !circles[j].settled && circles[j].sum_of_squares <= contender * smallest) {
+      fitted[j] = fitters[0].fit(directions[j], circles[j], finish_steps);
+      ++work.finished;
+    }
+  int chosen = -1;
+  smallest = DBL_MAX;
+  for (int j = 0; j < count; ++j)  // the strictly smallest sum; the first index wins a tie
+    if (fitted[j] && circles[j].sum_of_squares < smallest) {
+      smallest = circles[j].sum_of_squares;
+      chosen = j;
+    }
+  return chosen;
 }
 
 }  // namespace gfit::detail

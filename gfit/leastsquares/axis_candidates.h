@@ -65,4 +65,29 @@ class GFIT_EXPORT CircleAlongDirection {
   std::vector<double> x_, y_;
 };
 
+// Circle fits (`fitters`, one per thread, over the same points) spent by
+// best_projected_circle: `fits` ranking fits and `finished` contenders.
+struct RankingWork {
+  int fits = 0;
+  int finished = 0;
+};
+
+// The index of the direction, among those `used`, whose projected circle has the smallest
+// sum of squares (the first of equal ones); -1 when none admits a circle. `circles` and
+// `fitted` (sized like `directions`) receive every circle. The circles are fitted on the
+// fitters' threads; the answer does not depend on their number.
+//
+// A search over axes means to rank its trial directions by the least-squares circle of the
+// projected points. It ranks them instead by the algebraic circle (no Gauss-Newton step),
+// whose sum of squared geometric distances is an upper bound of the least-squares circle's
+// and costs a fifth of it; every circle whose sum is within `contender` times the smallest
+// is then fitted to convergence (`finish_steps` steps) before the winner is chosen. The
+// least-squares winner is thus chosen whenever its algebraic circle's sum is within
+// `contender` of its own, which holds for any direction near a cylinder's axis (the
+// projected points then lie on a circle up to the noise).
+GFIT_EXPORT int best_projected_circle(std::vector<CircleAlongDirection>& fitters,
+                                      std::vector<giUnitVec3> const& directions, std::vector<char> const& used,
+                                      std::vector<ProjectedCircle>& circles, std::vector<char>& fitted,
+                                      double contender, int finish_steps, RankingWork& work);
+
 }  // namespace gfit::detail

@@ -279,10 +279,9 @@ constexpr int kSearchPoints = 2000;
 // eight passes of phase B cost about 1e5 per point at the most, so the stated steps always
 // run to their end; the bound only guarantees that nothing can run away.
 constexpr double kSearchWork = 2e5;
-// Candidates are ranked by the algebraic circle of their projected points (Gauss-Newton
-// steps: none), its sum of squared geometric distances being an upper bound of the
-// least-squares circle's. A circle whose sum is within kContender of a batch's smallest
-// contends for the batch, and is fitted to convergence before the batch's winner is chosen.
+// Candidates are ranked by the algebraic circle of their projected points, and those within
+// kContender of a batch's best are fitted to convergence (gfit::detail::best_projected_circle);
+// the ring walk ranks by the algebraic circle's roundness.
 constexpr int kRankingSteps = 0;
 constexpr double kContender = 2.0;
 constexpr int kFinishSteps = 50;
@@ -436,47 +435,19 @@ class CylinderSearch {
       mlRandom random(1);
       for (int batch = 0; batch < 20; ++batch) {
         if (!budget_.go_on()) return;
-        int fits = 0;
         for (int j = 0; j < 100; ++j) {
           candidates[j] = gfit::detail::hemisphere_direction(random);
           used[j] = !restricted || std::fabs(pass_direction.dot(candidates[j])) >= cos_cone;
-          fits += used[j];
         }
-        gfit::detail::parallel_for(100, static_cast<int>(fitters_.size()), [&](int j, int worker) {
-          fitted[j] = used[j] && fitters_[worker].fit(candidates[j], circles[j], kRankingSteps);
-        });
-        budget_.charge(fits * circle_work(kRankingSteps) * m);
-        const int chosen = batch_winner(candidates, fitted, circles);
+        gfit::detail::RankingWork work;
+        const int chosen = gfit::detail::best_projected_circle(fitters_, candidates, used, circles, fitted, kContender,
+                                                               kFinishSteps, work);
+        budget_.charge((work.fits * circle_work(0) + work.finished * circle_work(kFinishSteps)) * m);
         if (chosen < 0) continue;
         set_candidate(circles[chosen], candidates[chosen], start_);
         refine(angle_);
       }
     }
-  }
-
-  // The candidate with the strictly smallest sum of squares, the first index winning a tie.
-  // The capped circles only rank; a candidate that ran out of steps within kContender of the
-  // smallest sum is fitted to convergence first, so that the batch is won as it would be
-  // with every circle converged.
-  int batch_winner(std::vector<giUnitVec3> const& candidates, std::vector<char>& fitted,
-                   std::vector<ProjectedCircle>& circles) {
-    const int count = static_cast<int>(candidates.size());
-    double smallest = DBL_MAX;
-    for (int j = 0; j < count; ++j)
-      if (fitted[j]) smallest = std::min(smallest, circles[j].sum_of_squares);
-    for (int j = 0; j < count; ++j)
-      if (fitted[j] && !circles[j].settled && circles[j].sum_of_squares <= kContender * smallest) {
-        fitted[j] = fitters_[0].fit(candidates[j], circles[j], kFinishSteps);
-        budget_.charge(circle_work(kFinishSteps) * points_.count());
-      }
-    int chosen = -1;
-    smallest = DBL_MAX;
-    for (int j = 0; j < count; ++j)
-      if (fitted[j] && circles[j].sum_of_squares < smallest) {
-        smallest = circles[j].sum_of_squares;
-        chosen = j;
-      }
-    return chosen;
   }
 
   giPoint3coDynArr const& points_;
