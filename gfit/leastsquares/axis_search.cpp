@@ -68,19 +68,20 @@ SearchSubset::SearchSubset(giPoint3coDynArr const& points, giUnitVec3coDynArr co
 
 bool SearchBudget::go_on() const { return left_ > 0.0 && !cancelled(); }
 
-int SearchBudget::iterations(int points, int cap) const {
-  if (!go_on() || points <= 0) return 0;
+int SearchBudget::iterations(double points, int cap) const {
+  if (!go_on() || !(points > 0.0)) return 0;
   // A solver run also evaluates the points once at its start and once for its scales.
   const double affordable = left_ / points - 2.0;
   return affordable >= cap ? cap : std::max(1, static_cast<int>(affordable));
 }
 
-double SearchBudget::fit(mlLevenbergMarquardt& lm, int points, int cap, mlVector const& start, mlVector& result) {
-  const int allowed = iterations(points, cap);
+double SearchBudget::fit(mlLevenbergMarquardt& lm, int points, int cap, mlVector const& start, mlVector& result,
+                         double weight) {
+  const int allowed = iterations(weight * points, cap);
   if (allowed == 0) return std::numeric_limits<double>::quiet_NaN();
   lm.set_max_iterations(allowed);
   const double value = lm.fit(start, result);
-  charge(static_cast<double>(lm.iterations() + 2) * points);
+  charge(weight * (lm.iterations() + 2) * points);
   return value;
 }
 

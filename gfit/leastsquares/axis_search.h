@@ -79,12 +79,15 @@ class GFIT_EXPORT SearchBudget {
     return go_on();
   }
   bool go_on() const;
+  double left() const { return left_; }
   // The solver iterations over `points` points that the budget still pays for, at most
   // `cap` (at least 1 while it lasts, so that a solver always gets one look).
-  int iterations(int points, int cap) const;
+  int iterations(double points, int cap) const;
   // Runs `lm` from `start` with its iterations capped by the budget (and by `cap`), charges
-  // the evaluations it made and returns its value; NaN when nothing is left.
-  double fit(mlLevenbergMarquardt& lm, int points, int cap, mlVector const& start, mlVector& result);
+  // the evaluations it made (each weighing `weight`: a problem with fewer parameters costs
+  // less per point) and returns its value; NaN when nothing is left.
+  double fit(mlLevenbergMarquardt& lm, int points, int cap, mlVector const& start, mlVector& result,
+             double weight = 1.0);
 
  private:
   double left_;

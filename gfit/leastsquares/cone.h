@@ -43,6 +43,7 @@
 
 namespace gfit::detail {
 class CentredPoints;
+class SearchBudget;
 }
 
 // Sets the process-wide non-physical tolerance of the cone fits (radians; 0.05 when the
@@ -85,6 +86,13 @@ class GFIT_EXPORT gfFittedCone {
 class GFIT_EXPORT gfLeastSquareCone : public gfLeastSquareDistance3 {
  public:
   explicit gfLeastSquareCone(giPoint3coDynArr const& points);
+  // The same problem with the axis point measured from `origin` (A = origin + p[0..2]),
+  // normalised to the foot of the perpendicular from `origin`; the searches put `origin` at
+  // the points' centroid, so that the axis point stays among the points however far they
+  // lie from the coordinate origin (see gfLeastSquareCylinder). The distances are those of
+  // the same cone in world coordinates.
+  gfLeastSquareCone(giPoint3coDynArr const& points, giPoint3 const& origin);
+  giPoint3 frame_origin() const { return giPoint3(origin_[0], origin_[1], origin_[2]); }
 
   // Stores the parameters (grown to 8 when shorter) and caches sin and cos of the half-angle.
   void set_parameters(mlVector const& p) override;
@@ -123,6 +131,7 @@ class GFIT_EXPORT gfLeastSquareCone : public gfLeastSquareDistance3 {
                     double* jacobian, int ld) const;
 
  private:
+  double origin_[3] = {0.0, 0.0, 0.0};
   double sin_ = 0.0, cos_ = 1.0;
   mutable mlVector dF_, dG_;
 };
@@ -235,6 +244,9 @@ class GFIT_EXPORT gfConeGuessGenerator {
   // linear starts.
   gfit::detail::CentredPoints const& centred_points() const;
   double scale() const;
+  // Charges the solver runs of the strategies to `budget` (null: none) and caps them by it;
+  // a search bounds its work this way.
+  void bound_work(gfit::detail::SearchBudget* budget) { budget_ = budget; }
 
  private:
   struct Frame;
@@ -246,6 +258,7 @@ class GFIT_EXPORT gfConeGuessGenerator {
   gfLeastSquareCone problem_;
   std::unique_ptr<Frame> frame_;
   giUnitVec3 preliminary_;
+  gfit::detail::SearchBudget* budget_ = nullptr;
 };
 
 // The cone through at least 6 points. `apex`, `axis` and `half_angle` are read as a
@@ -276,4 +289,7 @@ namespace gfit::detail {
 // apex runs to infinity (sin(theta) < 1e-12) or anything is not finite.
 GFIT_EXPORT bool cone_outputs(mlVector const& p, double value, giPoint3& apex, giUnitVec3& axis, double& half_angle,
                               double& residual);
+// The same for parameters whose axis point is measured from `origin`.
+GFIT_EXPORT bool cone_outputs(mlVector const& p, giPoint3 const& origin, double value, giPoint3& apex,
+                              giUnitVec3& axis, double& half_angle, double& residual);
 }  // namespace gfit::detail

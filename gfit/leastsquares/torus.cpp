@@ -12,6 +12,7 @@
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
+#include "gfit/platform/report.h"
 #include "gfit/platform/simplex.h"
 #include "gfit/utilities/direction_sampling.h"
 
@@ -25,6 +26,8 @@ constexpr double kSmooth = 1e-7;
 // ---- the problem ------------------------------------------------------------------------
 
 gfLeastSquareTorus::gfLeastSquareTorus(giPoint3coDynArr const& points) : gfLeastSquareDistance3(8, points) {}
+gfLeastSquareTorus::gfLeastSquareTorus(giPoint3coDynArr const& points, giPoint3 const& origin)
+    : gfLeastSquareDistance3(8, points), origin_{origin.x(), origin.y(), origin.z()} {}
 gfLeastSquareTorus::~gfLeastSquareTorus() = default;
 
 void gfLeastSquareTorus::normalize_parameters(mlVector& p) const {
@@ -44,7 +47,9 @@ void gfLeastSquareTorus::get_distance_and_gradient(double& d, mlVector& g, int i
   mlVector const& p = parameters();
   double F = 0.0, G = 0.0;
   mlVector dF(6), dG(6);
-  F_G_and_derivatives(giPoint3(p[0], p[1], p[2]), giUnitVec3(p[3], p[4], p[5]), points()[i], F, dF, G, dG);
+  giPoint3 const& q = points()[i];
+  const giPoint3 from_origin(q.x() - origin_[0], q.y() - origin_[1], q.z() - origin_[2]);
+  F_G_and_derivatives(giPoint3(p[0], p[1], p[2]), giUnitVec3(p[3], p[4], p[5]), from_origin, F, dF, G, dG);
   const double e = G - p[6], rho = std::sqrt(e * e + F * F);
   d = rho - p[7];
   if (rho > kSmooth) {
@@ -60,7 +65,7 @@ void gfLeastSquareTorus::get_distance_and_gradient(double& d, mlVector& g, int i
 void gfLeastSquareTorus::evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
                                         int ld) const {
   mlVector const& p = parameters();
-  const gfit::detail::AxisFrame frame(p);
+  const gfit::detail::AxisFrame frame(p, origin_);
   const double ux = frame.ux, uy = frame.uy, uz = frame.uz, r1 = p[6], r2 = p[7];
   giPoint3 const* q = points().data() + first;
   gfit::detail::AxialPoint a;
@@ -477,9 +482,19 @@ void fit_directions(std::vector<giUnitVec3> const& directions, std::vector<Torus
 bool physical(mlVector const& p) { return p[6] > 0.0 && p[7] > 0.0; }
 
 struct Fitted {
-  mlVector parameters;
+  mlVector parameters;  // the centre measured from `origin`
   double value = DBL_MAX;
+  giPoint3 origin = giPoint3(0.0, 0.0, 0.0);
 };
+
+// A start's parameters with the centre measured from `origin`.
+mlVector from(giPoint3 const& origin, TorusStart const& s) {
+  mlVector p = s.parameters();
+  p[0] -= origin.x();
+  p[1] -= origin.y();
+  p[2] -= origin.z();
+  return p;
+}
 
 // Keeps `candidate` when it beats `best`: a torus with both radii positive beats one
 // without; otherwise the smaller mean squared distance wins (the first of equal ones).
@@ -616,6 +631,7 @@ bool search_torus(giPoint3coDynArr const& points, Fitted& best) {
       if (ok[i]) pool.push_back(starts[i]);
   };
   scan_directions();
+  if (gfit::detail::cancelled()) return false;
   // The axis of revolution of the points with estimated normals, position included.
   if (normals.count() == m) {
     giPoint3 point;
@@ -645,25 +661,30 @@ bool search_torus(giPoint3coDynArr const& points, Fitted& best) {
     for (gfVectorGradientIterator it = gradient.iterator(); it++;) directions.push_back(it.vector().unit());
     scan_directions();
   }
+  if (gfit::detail::cancelled()) return false;
   std::vector<TorusStart> chosen = distinct_best(pool, size, kStarts);
 
   // Levenberg-Marquardt from each start on the points of the scan, then from the best on
-  // all the points.
-  gfLeastSquareTorus problem(scan);
+  // all the points, in a frame centred on the scan.
+  const giPoint3 origin = centred.centroid();
+  gfLeastSquareTorus problem(scan, origin);
   Fitted on_scan;
+  on_scan.origin = origin;
   for (TorusStart const& s : chosen) {
     mlLevenbergMarquardt lm(problem);
     Fitted f;
+    f.origin = origin;
     f.parameters = mlVector(8);
-    f.value = lm.fit(s.parameters(), f.parameters);
+    f.value = lm.fit(from(origin, s), f.parameters);
     keep_better(f, on_scan);
   }
   if (on_scan.value == DBL_MAX) return false;
   if (scan.count() == points.count()) {
     best = on_scan;
   } else {
-    gfLeastSquareTorus all(points);
+    gfLeastSquareTorus all(points, origin);
     mlLevenbergMarquardt lm(all);
+    best.origin = origin;
     best.parameters = mlVector(8);
     best.value = lm.fit(on_scan.parameters, best.parameters);
   }
@@ -672,7 +693,7 @@ bool search_torus(giPoint3coDynArr const& points, Fitted& best) {
 
 void write_torus(Fitted const& f, giPoint3& centre, giUnitVec3& axis, double& r1, double& r2, double& residual) {
   mlVector const& p = f.parameters;
-  centre = giPoint3(p[0], p[1], p[2]);
+  centre = giPoint3(f.origin.x() + p[0], f.origin.y() + p[1], f.origin.z() + p[2]);
   axis = giUnitVec3(p[3], p[4], p[5]);
   r1 = p[6];
   r2 = p[7];
@@ -687,9 +708,11 @@ int gfLeastSquareEvaluator::evaluate_torus(giPoint3coDynArr const& points, giPoi
                                            double& r1, double& r2, double& residual) {
   if (points.count() < 4 || !valid_points(points)) return 0;
   Fitted best;
-  if (!search_torus(points, best)) return 0;
+  const bool found = search_torus(points, best);
+  if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
+  if (!found) return gfit::detail::refuse(gfReason::no_convergence, "no torus found");
   write_torus(best, centre, axis, r1, r2, residual);
-  return 1;
+  return gfit::detail::succeed();
 }
 
 int gfLeastSquareEvaluator::evaluate_torus_with_guess(giPoint3coDynArr const& points, giPoint3& centre,
@@ -697,22 +720,27 @@ int gfLeastSquareEvaluator::evaluate_torus_with_guess(giPoint3coDynArr const& po
   if (!valid_points(points) || !centre.finite() || axis.invalid() ||
       !(std::isfinite(axis.x()) && std::isfinite(axis.y()) && std::isfinite(axis.z())))
     return 0;
-  // The radii and the centre's height from the meridian circle about the given axis.
-  CentredPoints centred(points);
+  // The radii and the centre's height from the meridian circle about the given axis, on at
+  // most kScanPoints of the points (a start needs no more); then the fit on all of them.
+  giPoint3coDynArr storage;
+  CentredPoints centred(spread(points, kScanPoints, storage));
   TorusAlongDirection fitter(centred);
   const giUnitVec3 e1 = axis.any_normal(), e2(axis.cross(e1));
   const giVector3 offset = centre - centred.centroid();
   const double ab[2] = {e1.dot(offset), e2.dot(offset)};
   TorusStart start;
-  if (!fitter.fit(axis, 0, ab, start)) return 0;
-  gfLeastSquareTorus problem(points);
+  if (!fitter.fit(axis, 0, ab, start)) return gfit::detail::refuse(gfReason::no_convergence, "no torus found");
+  const giPoint3 origin = centred.centroid();
+  gfLeastSquareTorus problem(points, origin);
   mlLevenbergMarquardt lm(problem);
   Fitted f;
+  f.origin = origin;
   f.parameters = mlVector(8);
-  f.value = lm.fit(start.parameters(), f.parameters);
-  if (!std::isfinite(f.value)) return 0;
+  f.value = lm.fit(from(origin, start), f.parameters);
+  if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
+  if (!std::isfinite(f.value)) return gfit::detail::refuse(gfReason::no_convergence, "no torus found");
   write_torus(f, centre, axis, r1, r2, residual);
-  return 1;
+  return gfit::detail::succeed();
 }
 
 // ---- the probe-compensated torus --------------------------------------------------------
