@@ -14,14 +14,17 @@
 //  2. the residual from the distances themselves. The scatter cannot give it: the squared
 //     distances from the plane sum to its smallest eigenvalue, which lies below the
 //     rounding of its entries whenever the points are flat to 1e-8 of their extent. So the
-//     distance n . (p - c) of every point is formed with its rounding removed: q = p - c is
-//     split into a part on a coarse grid (h, about 2^-16 of the spread) and the rest (l), the
-//     normal into a part on the grid 2^-26 (a) and the rest (b); a . h is then exact (products
-//     of at most 53 bits, their sum too), and b . h + n . l is small, so the distance carries
-//     an error of about 2^-70 of the spread rather than 2^-53 of it. On a 200 mm patch with
-//     1e-6 mm of noise the RMS keeps 14 digits (11 with a plain dot product). The distance
-//     from a line is the plain cross product (its residuals are not that small against the
-//     points' spread).
+//     distance n . p - n . c of every point is formed with its rounding removed: each
+//     coordinate is split into a part on a coarse grid (h, 2^-25 of the coordinates' size)
+//     and the rest (l), the normal into a part on the grid 2^-26 (a) and the rest (b); a . h
+//     is then exact (products of at most 53 bits, their sum too), the difference of two such
+//     sums (point and centroid) is exact because it is as small as the distance, and b . h +
+//     n . l is small; the distance carries an error of about 2^-79 of the coordinates' size
+//     rather than 2^-53 of it. (p - c itself is not exact where a coordinate crosses a power
+//     of two between the point and the centroid.) On a 200 mm patch 500 mm away with 1e-6 mm
+//     of noise the RMS keeps 14 digits (11 with a plain dot product). The distance from a
+//     line is the plain cross product (its residuals are not that small against the points'
+//     spread).
 // Both passes run two points abreast with a partial sum for each, in blocks, so that the
 // compiler can use vector registers and the sums stay accurate; the order of additions is
 // fixed, so the result does not depend on how the loop is compiled.
@@ -169,26 +172,35 @@ struct GridRounding {
 // each formed without the rounding of its large terms (see the header).
 double plane_sum_of_squares(giPoint3 const* points, int n, double const* c, double const* nv, double spread) {
   double const* p = reinterpret_cast<double const*>(points);
-  // The grid of q: a power of two between 2^-16 and 2^-15 of the spread, so that h has at
-  // most 26 bits for |q| up to 2^9 spreads; the grid of the normal: 2^-26 (a has at most 27
-  // bits). Each a_k h_k is then exact, and so is their sum (below 2^53 grid units).
+  // The grids: a power of two 2^-25 of a bound M of the coordinates (those within 2^9
+  // spreads of the centroid), so that h has at most 26 bits; 2^-26 for the normal, so that
+  // a has at most 27. Each a_k h_k is then exact, and so is their sum (below 2^53 units).
+  const double bound = std::max({std::fabs(c[0]), std::fabs(c[1]), std::fabs(c[2])}) + 512.0 * spread;
   int e = 0;
-  std::frexp(spread > 0.0 ? spread : 1.0, &e);
-  const GridRounding on_q(std::ldexp(1.0, e - 16)), on_n(std::ldexp(1.0, -26));
+  std::frexp(bound > 0.0 ? bound : 1.0, &e);
+  const GridRounding on_p(std::ldexp(1.0, e - 25)), on_n(std::ldexp(1.0, -26));
   const double a[3] = {on_n(nv[0]), on_n(nv[1]), on_n(nv[2])};
   const double b[3] = {nv[0] - a[0], nv[1] - a[1], nv[2] - a[2]};
-  auto distance = [&](double const* q3) {
+  // n . x as an exact large part and a small part.
+  auto parts = [&](double const* x, double& large, double& small) {
     double h[3], l[3];
     for (int k = 0; k < 3; ++k) {
-      const double q = q3[k] - c[k];
-      h[k] = on_q(q);
-      l[k] = q - h[k];
+      h[k] = on_p(x[k]);
+      l[k] = x[k] - h[k];
     }
-    const double large = (a[0] * h[0] + a[1] * h[1]) + a[2] * h[2];
-    const double small = (b[0] * h[0] + b[1] * h[1] + b[2] * h[2]) + (nv[0] * l[0] + nv[1] * l[1] + nv[2] * l[2]);
-    return large + small;
+    large = (a[0] * h[0] + a[1] * h[1]) + a[2] * h[2];
+    small = (b[0] * h[0] + b[1] * h[1] + b[2] * h[2]) + (nv[0] * l[0] + nv[1] * l[1] + nv[2] * l[2]);
   };
-  const Lanes cx = Lanes::both(c[0]), cy = Lanes::both(c[1]), cz = Lanes::both(c[2]), big = Lanes::both(on_q.big);
+  // The distance n . p - n . c: the difference of the large parts is exact (a multiple of
+  // the units of both, and as small as the distance), the small parts carry the rest.
+  double large_c = 0.0, small_c = 0.0;
+  parts(c, large_c, small_c);
+  auto distance = [&](double const* x) {
+    double large = 0.0, small = 0.0;
+    parts(x, large, small);
+    return (large - large_c) + (small - small_c);
+  };
+  const Lanes big = Lanes::both(on_p.big), lc = Lanes::both(large_c), sc = Lanes::both(small_c);
   const Lanes ax = Lanes::both(a[0]), ay = Lanes::both(a[1]), az = Lanes::both(a[2]);
   const Lanes bx = Lanes::both(b[0]), by = Lanes::both(b[1]), bz = Lanes::both(b[2]);
   const Lanes nx = Lanes::both(nv[0]), ny = Lanes::both(nv[1]), nz = Lanes::both(nv[2]);
@@ -198,16 +210,13 @@ double plane_sum_of_squares(giPoint3 const* points, int n, double const* c, doub
     const int last = std::min(n, i + kBlock);
     Lanes s = Lanes::zero();
     for (; i + 2 <= last; i += 2) {  // distance(), two points abreast
-      Lanes qx, qy, qz;
-      Lanes::load(p + 3 * i, qx, qy, qz);
-      qx = qx - cx;
-      qy = qy - cy;
-      qz = qz - cz;
-      const Lanes hx = (qx + big) - big, hy = (qy + big) - big, hz = (qz + big) - big;
-      const Lanes lx = qx - hx, ly = qy - hy, lz = qz - hz;
+      Lanes x, y, z;
+      Lanes::load(p + 3 * i, x, y, z);
+      const Lanes hx = (x + big) - big, hy = (y + big) - big, hz = (z + big) - big;
+      const Lanes lx = x - hx, ly = y - hy, lz = z - hz;
       const Lanes large = (ax * hx + ay * hy) + az * hz;
       const Lanes small = (bx * hx + by * hy + bz * hz) + (nx * lx + ny * ly + nz * lz);
-      const Lanes d = large + small;
+      const Lanes d = (large - lc) + (small - sc);
       s = s + d * d;
     }
     total += s.sum();
