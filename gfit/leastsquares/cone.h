@@ -36,12 +36,12 @@
 // works in a frame centred on the points (the problem's frame origin), so that 1e7 from the
 // origin the cone keeps its digits. Its work is bounded by a budget of 2000 point
 // evaluations per point of the subset (at least that of 1000 points): every linear start
-// and solver run is charged, a refinement may spend at most half of what is left, a
+// and solver run is charged, a refinement may spend at most a quarter of what is left, a
 // fixed-axis start at most 200 iterations, and the final refinement on all the points at
-// most 30 iterations. A cone takes a few hundred per point; on points that hold no cone at
-// a finite distance (a plane) the strict solver would crawl towards the apex at infinity,
-// and the budget ends the search with the best cone found (about twice the time of a real
-// cone of the same size, against 60 times before). A host's cancel flag (gfSetCancelFlag)
+// most 30 iterations. A cone takes a few hundred to a thousand per point; on points that
+// hold no cone at a finite distance (a plane) the strict solver would crawl towards the
+// apex at infinity, and the budget ends the search with the best cone found (about twice
+// the time of a real cone of the same size, against 60 times before). A host's cancel flag (gfSetCancelFlag)
 // is polled between starts and by the solver between iterations; a cancelled fit returns
 // 0 with gfReason::cancelled.
 #pragma once

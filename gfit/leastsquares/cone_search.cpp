@@ -363,9 +363,9 @@ class ConeSearch {
     local[0] -= origin_.x();
     local[1] -= origin_.y();
     local[2] -= origin_.z();
-    // One run may spend at most half of what is left, so that a crawl leaves room for others.
+    // One run may spend at most a quarter of what is left, so that a crawl leaves room for others.
     const int m = points_.count();
-    const int cap = static_cast<int>(std::min(10000.0, budget_.left() / (2.0 * m)));
+    const int cap = static_cast<int>(std::min(10000.0, budget_.left() / (4.0 * m)));
     const double mean_square = budget_.fit(lm_, m, std::max(cap, 1), local, result_);
     const double value = mean_square * points_.count();
     if (lm_.termination() == mlLevenbergMarquardt::iteration_limit) ++crawls_;
