@@ -225,6 +225,16 @@ TEST(ConeRecovery, SeveralConesInOnePointSet) {
   EXPECT_LT(results[0].apex().distance(giPoint3(0, 0, 40)), 1e-3);
   EXPECT_NEAR(results[0].half_angle().radians(), 0.5, 1e-5);
   EXPECT_EQ(results[0].invalid(), 0);
+  // A dense scan is searched on 2000 of its points; what it keeps is refined on all.
+  giPoint3coDynArr dense = sample_cone(rng, giPoint3(0, 0, 40), axis, 0.5, 10, 40, 0, 2 * M_PI, 20000, 1e-4);
+  gfFittedConecoDynArr one;
+  ASSERT_EQ(gfLeastSquareEvaluator::evaluate_multiple_cones(dense, giUnitVec3coDynArr{axis}, 0.01,
+                                                            giAngle::from_degrees(2), 1, one),
+            1);
+  Cone all;
+  ASSERT_EQ(fit(dense, all), 1);
+  EXPECT_NEAR(one[0].half_angle().radians(), all.half_angle, 1e-9);
+  EXPECT_NEAR(one[0].deviation(), all.residual, 1e-9 * all.residual);
 }
 
 // ---- the problem and its pieces ---------------------------------------------------------

@@ -191,6 +191,14 @@ TEST(CylinderProblem, SeveralCylindersInOnePointSet) {
   ASSERT_EQ(results.count(), 1);
   EXPECT_NEAR(results[0].radius(), 5.0, 1e-4);
   EXPECT_LT(line_angle(results[0].axis_dir(), a1), 1e-4);
+  // A dense scan is searched on 2000 of its points; what it keeps is refined on all.
+  giPoint3coDynArr dense = sample_cylinder(rng, giPoint3(0, 0, 0), a1, 5, 10, 0, 2 * M_PI, 20000, 1e-4);
+  gfFittedCylindercoDynArr one;
+  ASSERT_EQ(gfCalculateMultipleLeastSquareCylinders(dense, preferred, 0.01, giAngle::from_degrees(2), 1, one), 1);
+  Cylinder all;
+  ASSERT_EQ(fit(dense, all), 1);
+  EXPECT_NEAR(one[0].radius(), all.radius, 1e-9);
+  EXPECT_NEAR(one[0].deviation(), all.residual, 1e-9 * all.residual);
 }
 
 // ---- far from the origin, dense scans, the ranking of candidates --------------------------
