@@ -27,6 +27,10 @@ double accumulate(mlDistanceLeastSquares const& problem, TriangularAccumulator& 
   double* buffer = acc.buffer();
   double sum = 0.0;
   for (int first = 0; first < n; first += kBlock) {
+    // The host's cancel flag, every 64 blocks: a pass over millions of points takes tens of
+    // milliseconds. A cancelled pass sums to NaN, which no caller takes for a solution.
+    if (first % (64 * kBlock) == 0 && first > 0 && gfit::detail::cancelled())
+      return std::numeric_limits<double>::quiet_NaN();
     const int count = std::min(kBlock, n - first);
     problem.evaluate_block(first, count, buffer + m * kBlock, squares, buffer, kBlock);
     double block_sum = 0.0;

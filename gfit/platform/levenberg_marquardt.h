@@ -35,9 +35,9 @@
 //  - the iteration limit (default 100 trial evaluations; set_max_iterations).
 //
 // `fit` returns the mean squared distance at the solution (sum of squares / points). It
-// polls the host's cancel flag (gfSetCancelFlag, platform/report.h) once per iteration;
-// when the flag is set it stops and returns NaN, a value every caller treats as no
-// solution, with `result` holding the last accepted parameters.
+// polls the host's cancel flag (gfSetCancelFlag, platform/report.h) once per iteration and
+// every 4096 points of a pass; when the flag is set it stops and returns NaN, a value every
+// caller treats as no solution, with `result` holding the last accepted parameters.
 #pragma once
 
 #include "gfit/gfit_export.h"
