@@ -398,9 +398,9 @@ bool TorusAlongDirection::fit(giUnitVec3 const& d, int iterations, double const*
     std::nth_element(f_.begin(), f_.begin() + (n - 1 - k), f_.end());
     const double high = f_[n - 1 - k];
     const double slabs[4][2] = {{-DBL_MAX, DBL_MAX}, {high, DBL_MAX}, {-DBL_MAX, low}, {0.0, 0.0}};
-    for (int k = 0; k < (normals_ ? 4 : 3); ++k) {
+    for (int slab = 0; slab < (normals_ ? 4 : 3); ++slab) {
       double t[7] = {0, 0, 0, 0, 0, 0, 0};
-      if (k < 3 ? !projected_circle(slabs[k][0], slabs[k][1], t[0], t[1]) : !normals_meet(e1, e2, t[0], t[1]))
+      if (slab < 3 ? !projected_circle(slabs[slab][0], slabs[slab][1], t[0], t[1]) : !normals_meet(e1, e2, t[0], t[1]))
         continue;
       if (!meridian_circle(t)) continue;
       const double ts = meridian_sum_of_squares(t);
