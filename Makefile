@@ -9,6 +9,8 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?=
 
 GFIT := $(BUILD_DIR)/tools/gfit
+# Debian's interpreter, which has the packages scripts/install-deps installs.
+PYTHON ?= $(shell [ -x /usr/bin/python3 ] && echo /usr/bin/python3 || echo python3)
 
 .PHONY: all deps configure build test demo bench clean
 
@@ -48,8 +50,17 @@ demo: configure
 	@$(GFIT) fit minmax-circle data/roundness.xy
 	@echo "== deviations of data/bracket.xyz from the CAD part data/bracket.step (first and last rows, summary)"
 	@$(GFIT) deviations --cad data/bracket.step data/bracket.xyz | sed -n '1,4p;400,$$p'
+	@echo "== align the displaced probe set data/bracket-displaced.xyz to data/bracket.step (transform, last rows, summary)"
+	@$(GFIT) align --cad data/bracket.step data/bracket-displaced.xyz | sed -n '1,7p;400,$$p'
+	@if grep -q "^GFIT_BUILD_PYTHON:BOOL=ON" $(BUILD_DIR)/CMakeCache.txt; then \
+	  echo "== from Python: the cylinder, its form map and the roundness plot (docs/python/*.png)"; \
+	  cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_python && \
+	  PYTHONPATH=$(BUILD_DIR)/python $(PYTHON) python/examples/demo.py docs/python; \
+	fi
 
 bench: configure
+	@scripts/install-deps --bench
+	@cmake -S . -B $(BUILD_DIR) >/dev/null
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_benchmarks
 	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done
 

@@ -14,6 +14,7 @@
 #include "gfit/platform/pagearr.h"
 #include "gfit/platform/parallel.h"
 #include "gfit/platform/point.h"
+#include "gfit/platform/quadratic_minimiser.h"
 #include "gfit/platform/random.h"
 #include "gfit/platform/report.h"
 #include "gfit/platform/shapes.h"
@@ -21,6 +22,7 @@
 #include "gfit/platform/shared_handle.h"
 #include "gfit/platform/sort.h"
 #include "gfit/platform/svd.h"
+#include "gfit/platform/unit_vector_differentiator.h"
 #include "gfit/platform/utilities.h"
 #include "gfit/platform/workplane.h"
 #include "gfit/platform/xform.h"
@@ -44,6 +46,7 @@
 #include "gfit/leastsquares/cone.h"
 #include "gfit/leastsquares/cylinder.h"
 #include "gfit/leastsquares/direct_fit.h"
+#include "gfit/leastsquares/distribution_quality.h"
 #include "gfit/leastsquares/ellipse.h"
 #include "gfit/leastsquares/evaluator.h"
 #include "gfit/leastsquares/probed.h"
@@ -51,6 +54,7 @@
 #include "gfit/leastsquares/sphere.h"
 #include "gfit/leastsquares/sphere_fit.h"
 #include "gfit/leastsquares/torus.h"
+#include "gfit/leastsquares/uncertainty.h"
 
 // extremal fits
 #include "gfit/extremal/circle_fit_utils.h"
@@ -58,3 +62,10 @@
 #include "gfit/extremal/containment_cone.h"
 #include "gfit/extremal/inscribed.h"
 #include "gfit/extremal/minmax.h"
+#include "gfit/extremal/minimum_zone_fits.h"
+
+// alignment
+#include "gfit/alignment/affine_match.h"
+#include "gfit/alignment/points_to_planes.h"
+#include "gfit/alignment/points_to_points.h"
+#include "gfit/alignment/surface_bestfit.h"

@@ -10,6 +10,7 @@ int fit_circle(PointTable const& t, Options const&, JsonObject& out) {
   double radius = 0.0, residual = 0.0;
   int status = gfLeastSquareEvaluator::evaluate_circle(points2(t), centre, radius, residual);
   out.add("status", status).add("centre", {centre.x(), centre.y()}).add("radius", radius).add("residual", residual);
+  if (status == 1) out.add("distribution_quality", Quality::distribution_quality_circle(points2(t), centre, radius));
   return status;
 }
 
@@ -23,6 +24,8 @@ int fit_circle3(PointTable const& t, Options const&, JsonObject& out) {
       .add("normal", {normal.x(), normal.y(), normal.z()})
       .add("radius", radius)
       .add("residual", residual);
+  if (status == 1)
+    out.add("distribution_quality", Quality::distribution_quality_circle3(points3(t), centre, normal, radius));
   return status;
 }
 
@@ -34,6 +37,7 @@ int fit_sphere(PointTable const& t, Options const&, JsonObject& out) {
       .add("centre", {centre.x(), centre.y(), centre.z()})
       .add("radius", radius)
       .add("residual", residual);
+  if (status == 1) out.add("distribution_quality", Quality::distribution_quality_sphere(points3(t), centre, radius));
   return status;
 }
 
@@ -50,6 +54,8 @@ int fit_cylinder(PointTable const& t, Options const& options, JsonObject& out) {
           : gfLeastSquareEvaluator::evaluate_cylinder(points, point, direction, radius, residual, guide.guess,
                                                       guide.angle, 0);
   add_cylinder_result(out, status, point, direction, radius, residual);
+  if (status == 1)
+    out.add("distribution_quality", Quality::distribution_quality_cylinder(points, point, direction, radius));
   return status;
 }
 

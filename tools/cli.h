@@ -63,6 +63,10 @@ AxisGuide axis_guide(Options const& options, int points);
 void add_cylinder_result(JsonObject& out, int status, giPoint3 const& point, giUnitVec3 const& direction,
                          double radius, double residual);
 
+// The measure of how well the points determine a fitted element, printed as
+// "distribution_quality" by the fits of the elements that have one.
+using Quality = gfLeastSquareDistributionQuality;
+
 // The families.
 std::vector<Element> line_plane_elements();
 std::vector<Element> circle_cylinder_elements();
@@ -72,8 +76,17 @@ std::vector<Element> extremal_elements();
 std::vector<Element> cone_elements();
 std::vector<Element> torus_elements();
 
+// `gfit form plane|line3|sphere|cylinder FILE`: least-squares and minimum-zone form errors.
+int run_form(std::vector<std::string> const& args);
+
 // `gfit deviations --cad PART POINTS`: deviations of measured points from a CAD part
 // (built with gfit::cad only).
 int run_deviations(std::vector<std::string> const& args);
+// `gfit align --cad PART POINTS ...`: alignment of measured points to a CAD part (gfit::cad only).
+int run_align(std::vector<std::string> const& args);
+
+// `gfit affine PAIRS`: the least-squares affine map taking the first point of each pair onto
+// the second (gfPointsAffineMatch), as JSON.
+int run_affine(std::vector<std::string> const& args);
 
 }  // namespace gfit::cli

@@ -32,6 +32,7 @@ int fit_cone(PointTable const& t, Options const& options, JsonObject& out) {
           : gfLeastSquareEvaluator::evaluate_cone(points, apex, axis, half_angle, residual, guide.guess, guide.angle,
                                                   0);
   add_cone(out, status, apex, axis, half_angle, residual);
+  if (status == 1) out.add("distribution_quality", Quality::distribution_quality_cone(points, apex, axis, half_angle));
   return status;
 }
 
@@ -51,6 +52,9 @@ int fit_probed_cylinder(PointTable const& t, Options const& options, JsonObject&
                                                                             radius, residual, guide.guess,
                                                                             guide.angle, 0);
   add_cylinder_result(out, status, point, direction, radius, residual);
+  if (status == 1)
+    out.add("distribution_quality",
+            Quality::distribution_quality_probed_cylinder(points, radii, inside, point, direction, radius));
   return status;
 }
 
@@ -86,6 +90,9 @@ int fit_probed_cone(PointTable const& t, Options const& options, JsonObject& out
                                                                         half_angle, residual, guide.guess,
                                                                         guide.angle, 0);
   add_cone(out, status, apex, axis, half_angle, residual);
+  if (status == 1)
+    out.add("distribution_quality",
+            Quality::distribution_quality_probed_cone(points, radii, inside, contacts, apex, axis, half_angle));
   return status;
 }
 

@@ -27,6 +27,7 @@ int fit_direct_circle(PointTable const& t, Options const&, JsonObject& out) {
     gfDirectCircle2 c(points2(t));
     int ok = add_status(out, c.status());
     add_point(out, "centre", c.centre()).add("radius", c.radius()).add("chi", c.chi());
+    if (ok) out.add("distribution_quality", Quality::distribution_quality_circle(points2(t), c.centre(), c.radius()));
     return ok;
   }
   giPoint3coDynArr pts = points3(t);
@@ -34,6 +35,9 @@ int fit_direct_circle(PointTable const& t, Options const&, JsonObject& out) {
   int ok = add_status(out, c.status());
   add_point(out, "centre", c.centre()).add("radius", c.radius());
   add_vector(out, "normal", c.workplane().normal()).add("chi", c.chi());
+  if (ok)
+    out.add("distribution_quality",
+            Quality::distribution_quality_circle3(pts, c.centre(), c.workplane().normal(), c.radius()));
   return ok;
 }
 
@@ -50,6 +54,9 @@ int fit_direct_ellipse(PointTable const& t, Options const&, JsonObject& out) {
     int ok = add_status(out, e.status());
     add_axes(out, e);
     out.add("angle", e.angle().radians()).add("chi", e.chi());
+    if (ok)
+      out.add("distribution_quality", Quality::distribution_quality_ellipse(
+                                          points2(t), e.centre(), e.a_length(), e.b_length(), e.angle().radians()));
     return ok;
   }
   giPoint3coDynArr pts = points3(t);
@@ -65,6 +72,7 @@ int fit_direct_sphere(PointTable const& t, Options const&, JsonObject& out) {
   gfSphereFit s(pts);
   int ok = add_status(out, s.status());
   add_point(out, "centre", s.centre()).add("radius", s.radius()).add("chi", s.chi());
+  if (ok) out.add("distribution_quality", Quality::distribution_quality_sphere(pts, s.centre(), s.radius()));
   return ok;
 }
 

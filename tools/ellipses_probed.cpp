@@ -18,6 +18,8 @@ int fit_ellipse(PointTable const& t, Options const&, JsonObject& out) {
       .add("angle", angle)
       .add("angle_degrees", angle * 180.0 / giPi)
       .add("residual", residual);
+  if (status == 1)
+    out.add("distribution_quality", Quality::distribution_quality_ellipse(points2(t), centre, major, minor, angle));
   return status;
 }
 
@@ -39,10 +41,14 @@ int fit_axis_rev(PointTable const& t, Options const& options, JsonObject& out) {
 int fit_probed_circle(PointTable const& t, Options const& options, JsonObject& out) {
   giPoint2 centre;
   double radius = 0.0, residual = 0.0;
-  int status = gfLeastSquareEvaluator::evaluate_probed_circle(points2(t), probe_radii(t, 2, options),
-                                                              options.has("--inside") ? 1 : 0, centre, radius,
-                                                              residual);
+  const giPoint2coDynArr points = points2(t);
+  const doublecoDynArr radii = probe_radii(t, 2, options);
+  const int inside = options.has("--inside") ? 1 : 0;
+  int status = gfLeastSquareEvaluator::evaluate_probed_circle(points, radii, inside, centre, radius, residual);
   out.add("status", status).add("centre", {centre.x(), centre.y()}).add("radius", radius).add("residual", residual);
+  if (status == 1)
+    out.add("distribution_quality",
+            Quality::distribution_quality_probed_circle(points, radii, inside, centre, radius));
   return status;
 }
 
@@ -91,7 +97,7 @@ std::vector<Element> ellipse_probed_elements() {
                        {"--radius", "--normals"}, fit_probed_plane};
   probed_plane.max_columns = 4;
   return {
-      {"ellipse", 2, 4, "geometric least-squares ellipse (x y per point)", {}, fit_ellipse},
+      {"ellipse", 2, 5, "geometric least-squares ellipse (x y per point)", {}, fit_ellipse},
       {"axisrev", 3, 6, "axis of a surface of revolution; --normals FILE (one surface normal per point)",
        {"--normals"}, fit_axis_rev},
       probed_circle,

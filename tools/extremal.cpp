@@ -30,9 +30,11 @@ Profile profile(PointTable const& t, Options const& options, std::string const& 
   return p;
 }
 
+// A refused circle (the default one) prints the reason the entry recorded.
 int circle_result(giCircle2 const& c, JsonObject& out) {
   int status = c.invalid() ? 0 : 1;
   out.add("status", status).add("centre", {c.centre().x(), c.centre().y()}).add("radius", c.radius());
+  if (status == 0) out.add("reason", gfLastReasonText());
   return status;
 }
 
@@ -58,8 +60,11 @@ int fit_minmax_circle(PointTable const& t, Options const& options, JsonObject& o
   double width = 0.0;
   giCircle2 c = p.radii.empty() ? gfMinMaxCircleFit::fit(p.points, width)
                                 : gfMinMaxCircleFit::fit_probed(p.points, p.radii, options.has("--inside"), width);
-  int status = circle_result(c, out);
+  char const* reason = gfLastReasonText();  // before anything else can record one
+  int status = c.invalid() ? 0 : 1;
+  out.add("status", status).add("centre", {c.centre().x(), c.centre().y()}).add("radius", c.radius());
   out.add("width", width);
+  if (status == 0) out.add("reason", reason);
   return status;
 }
 

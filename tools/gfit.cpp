@@ -2,7 +2,10 @@
 //
 //   gfit fit <element> FILE [options]    FILE holds one point per line ('-': standard input)
 //   gfit elements                        lists the elements and their options
+//   gfit form <element> FILE             least-squares and minimum-zone form errors
 //   gfit deviations --cad PART POINTS    deviations of the points from a CAD part (CSV or --json)
+//   gfit affine PAIRS                    the affine map between corresponding points
+//   gfit align --cad PART POINTS ...     alignment of the points to a CAD part (tools/align.cpp)
 //
 // The result is one JSON object on standard output: the element, the status (1 fitted,
 // 0 not), its parameters, the RMS residual and the number of points. Unreadable input, a
@@ -128,10 +131,16 @@ std::vector<Element> const& elements() {
 void usage(std::ostream& os) {
   os << "usage: gfit fit <element> FILE [options]   fit an element to the points in FILE ('-': standard input)\n"
         "       gfit elements                      list the elements and their options\n"
+        "       gfit form plane|line3|sphere|cylinder FILE\n"
+        "                                          least-squares and minimum-zone form errors\n"
 #ifdef GFIT_CLI_CAD
         "       gfit deviations --cad PART.step POINTS [--radius R] [--json]\n"
         "                                          deviations of the points from a CAD part\n"
+        "       gfit align --cad PART.step POINTS [--pairs MEASURED NOMINAL] [--tol T] [--lock-origin x,y,z:x,y,z]\n"
+        "                  [--lock-rotations x,y,z[:...]] [--bands FILE] [--scale PASSES] [--json]\n"
+        "                                          align the points to a CAD part and report deviations\n"
 #endif
+        "       gfit affine PAIRS                  affine map taking x y [z] onto x' y' [z'] (one pair per line)\n"
         "Points: one per line, coordinates separated by spaces or commas, '#' starts a comment.\n";
 }
 
@@ -191,7 +200,10 @@ int run_fit(std::vector<std::string> const& args) {
   out.add("points", table.rows());
   std::cout << out.str() << "\n";
   if (status != 1) {
-    std::cerr << "gfit: the " << element->name << " fit failed\n";
+    // Why the library refused, as it recorded for this thread.
+    char const* reason = gfLastReasonText();
+    std::cerr << "gfit: " << element->name << ": "
+              << (gfLastReason() != gfReason::none && reason[0] != '\0' ? reason : "the fit failed") << "\n";
     return 1;
   }
   return 0;
@@ -218,8 +230,11 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (args[0] == "fit") return run_fit(std::vector<std::string>(args.begin() + 1, args.end()));
+  if (args[0] == "affine") return run_affine(std::vector<std::string>(args.begin() + 1, args.end()));
+  if (args[0] == "form") return run_form(std::vector<std::string>(args.begin() + 1, args.end()));
 #ifdef GFIT_CLI_CAD
   if (args[0] == "deviations") return run_deviations(std::vector<std::string>(args.begin() + 1, args.end()));
+  if (args[0] == "align") return run_align(std::vector<std::string>(args.begin() + 1, args.end()));
 #endif
   std::cerr << "gfit: unknown command '" << args[0] << "'\n";
   usage(std::cerr);

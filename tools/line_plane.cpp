@@ -14,6 +14,8 @@ int fit_line3(PointTable const& t, Options const&, JsonObject& out) {
       .add("point", {point.x(), point.y(), point.z()})
       .add("direction", {direction.x(), direction.y(), direction.z()})
       .add("residual", residual);
+  if (status == 1)
+    out.add("distribution_quality", Quality::distribution_quality_line3(points3(t), point, direction));
   return status;
 }
 
@@ -26,6 +28,7 @@ int fit_plane(PointTable const& t, Options const&, JsonObject& out) {
       .add("point", {point.x(), point.y(), point.z()})
       .add("normal", {normal.x(), normal.y(), normal.z()})
       .add("residual", residual);
+  if (status == 1) out.add("distribution_quality", Quality::distribution_quality_plane(points3(t), point, normal));
   return status;
 }
 

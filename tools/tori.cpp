@@ -34,6 +34,7 @@ int fit_torus(PointTable const& t, Options const& options, JsonObject& out) {
     status = gfLeastSquareEvaluator::evaluate_torus(points, centre, axis, r1, r2, residual);
   }
   add_torus(out, status, centre, axis, r1, r2, residual);
+  if (status == 1) out.add("distribution_quality", Quality::distribution_quality_torus(points, centre, axis, r1, r2));
   return status;
 }
 

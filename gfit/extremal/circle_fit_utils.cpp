@@ -5,6 +5,7 @@
 #include <cmath>
 #include <functional>
 
+#include "gfit/platform/report.h"
 #include "gfit/utilities/vector_utils.h"
 
 namespace {
@@ -74,6 +75,27 @@ bool valid_radii(std::vector<giPoint2> const& points, std::vector<double> const&
   for (double r : radii)
     if (!std::isfinite(r) || r < 0.0) return false;
   return true;
+}
+
+bool accept_profile(std::vector<giPoint2> const& points, size_t minimum, std::vector<double> const* radii) {
+  if (points.size() < minimum) return refuse(gfReason::too_few_points, minimum <= 1 ? "no points" : "too few points");
+  if (!finite_points(points)) return refuse(gfReason::non_finite_input, "a coordinate is not a finite number");
+  for (giPoint2 const& p : points)
+    if (std::fabs(p.x()) > coordinate_limit || std::fabs(p.y()) > coordinate_limit)
+      return refuse(gfReason::out_of_range, "a coordinate beyond 1e150, whose square would overflow");
+  if (!radii) return true;
+  if (radii->size() != points.size())
+    return refuse(gfReason::bad_companion_array, "probe radii are not one per point");
+  for (double r : *radii) {
+    if (!std::isfinite(r)) return refuse(gfReason::non_finite_input, "a probe radius is not a finite number");
+    if (r < 0.0) return refuse(gfReason::bad_probe_radius, "a negative probe radius");
+    if (r > coordinate_limit) return refuse(gfReason::out_of_range, "a probe radius beyond 1e150");
+  }
+  return true;
+}
+
+bool centre_in_range(giPoint2 const& c) {
+  return c.finite() && std::fabs(c.x()) <= 1e153 && std::fabs(c.y()) <= 1e153;
 }
 
 giPoint2 centroid(std::vector<giPoint2> const& points) {

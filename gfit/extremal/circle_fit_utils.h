@@ -39,10 +39,21 @@ class GFIT_EXPORT gfCircleFitUtils {
 };
 
 namespace gfit::detail {
+// The largest coordinate or probe radius the extremal circles accept: squared distances
+// between any two such values, and their sums, stay finite (1e150 squared is 1e300).
+constexpr double coordinate_limit = 1e150;
 // Every coordinate finite.
 bool finite_points(std::vector<giPoint2> const& points);
 // One finite, non-negative radius per point.
 bool valid_radii(std::vector<giPoint2> const& points, std::vector<double> const& radii);
+// The input checks of the circle entries: at least `minimum` points, every coordinate
+// finite and within coordinate_limit, and (with radii) one finite, non-negative radius
+// within the limit per point. On a refusal the reason is recorded and false returned.
+bool accept_profile(std::vector<giPoint2> const& points, size_t minimum,
+                    std::vector<double> const* radii = nullptr);
+// A centre the walks may move to: finite and within 1e153, so that its distances to
+// accepted points cannot overflow.
+bool centre_in_range(giPoint2 const& c);
 // The mean of the coordinates (the points must not be empty).
 giPoint2 centroid(std::vector<giPoint2> const& points);
 }  // namespace gfit::detail

@@ -1,9 +1,13 @@
 #include "gfit/extremal/circumscribed.h"
 
 #include <cfloat>
+#include <cstdint>
+#include <utility>
 
 #include "gfit/extremal/circle_fit_utils.h"
 #include "gfit/platform/constructions.h"
+#include "gfit/platform/random.h"
+#include "gfit/platform/report.h"
 
 namespace {
 
@@ -19,14 +23,32 @@ double extended_distance(std::vector<giPoint2> const& points, std::vector<double
   return points[i].distance(centre) + signed_radius(radii, outer, i);
 }
 
+// A fixed pseudo-random order of 0 .. n-1 (Fisher-Yates with mlRandom seeded with 1, two
+// 15-bit draws per swap): the same on every run, and no input order (such as a scan sorted
+// by angle) can make the incremental construction quadratic or cubic except by chance.
+std::vector<size_t> fixed_random_order(size_t n) {
+  std::vector<size_t> order(n);
+  for (size_t i = 0; i < n; ++i) order[i] = i;
+  mlRandom random(1);
+  for (size_t i = n; i-- > 1;) {
+    std::uint32_t draw = (static_cast<std::uint32_t>(random.next()) << 15) | static_cast<std::uint32_t>(random.next());
+    std::swap(order[i], order[draw % (i + 1)]);
+  }
+  return order;
+}
+
 }  // namespace
 
 giCircle2 gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle(std::vector<giPoint2> const& points) {
-  if (points.empty() || !gfit::detail::finite_points(points)) return giCircle2();
+  if (!gfit::detail::accept_profile(points, 1)) return giCircle2();
+  gfit::detail::succeed();
   if (points.size() == 1) return giCircle2(points[0], 0.0);
-  giCircle2 circle = fit_two_point_circle(points[0], points[1]);
-  for (size_t i = 2; i < points.size(); ++i)
-    if (!inside(circle, points[i].distance(circle.centre()))) circle = smallest_circle_with_one_point(points, i);
+  std::vector<giPoint2> shuffled;
+  shuffled.reserve(points.size());
+  for (size_t i : fixed_random_order(points.size())) shuffled.push_back(points[i]);
+  giCircle2 circle = fit_two_point_circle(shuffled[0], shuffled[1]);
+  for (size_t i = 2; i < shuffled.size(); ++i)
+    if (!inside(circle, shuffled[i].distance(circle.centre()))) circle = smallest_circle_with_one_point(shuffled, i);
   return circle;
 }
 
@@ -60,17 +82,25 @@ giCircle2 gfMinimumCircumscribedCircle::smallest_circle_with_two_points(std::vec
 giCircle2 gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle_probed(std::vector<giPoint2> const& points,
                                                                              std::vector<double> const& radii,
                                                                              bool outer) {
-  if (points.empty() || !gfit::detail::finite_points(points) || !gfit::detail::valid_radii(points, radii))
-    return giCircle2();
+  if (!gfit::detail::accept_profile(points, 1, &radii)) return giCircle2();
+  gfit::detail::succeed();
   // A single point, or all points at one place: the circle shrinks to that place (the
   // probe radii are not applied, since no circle through the balls is defined).
   bool all_coincident = true;
   for (giPoint2 const& p : points) all_coincident = all_coincident && p.coincident(points[0]);
   if (all_coincident) return giCircle2(points[0], 0.0);
-  giCircle2 circle(points[0], 0.0);
-  for (size_t i = 1; i < points.size(); ++i)
-    if (extended_distance(points, radii, outer, i, circle.centre()) > circle.radius())
-      circle = smallest_circle_with_one_point_probed(points, radii, outer, i);
+  std::vector<giPoint2> p;
+  std::vector<double> r;
+  p.reserve(points.size());
+  r.reserve(points.size());
+  for (size_t i : fixed_random_order(points.size())) {
+    p.push_back(points[i]);
+    r.push_back(radii[i]);
+  }
+  giCircle2 circle(p[0], 0.0);
+  for (size_t i = 1; i < p.size(); ++i)
+    if (extended_distance(p, r, outer, i, circle.centre()) > circle.radius())
+      circle = smallest_circle_with_one_point_probed(p, r, outer, i);
   return circle;
 }
 

@@ -6,10 +6,13 @@
 // mc(empty) is no circle (a default giCircle2); mc({p}) is (p, 0).
 //
 // Method: the incremental construction of Welzl (1991) with up to three boundary points,
-// run over the points in the order given. No random permutation is applied, so the result
-// and the work done depend only on the input: the expected linear time of the shuffled
-// algorithm becomes a cubic worst case (points arriving in an order that keeps growing the
-// circle, such as an angularly ordered scan, cost more than a scrambled one).
+// run over the points in a fixed pseudo-random order: a Fisher-Yates shuffle drawn from
+// mlRandom seeded with 1 (two 15-bit draws per swap). Added to the plain construction in
+// input order, because that order makes scans that arrive sorted by angle (every roundness
+// profile) quadratic to cubic, about 30 s for 1e5 points; in the drawn order the expected
+// time is linear whatever the input order. The order depends only on the number of points,
+// so the same input gives the same circle, bit for bit, on every run. A permuted copy of
+// the points (and radii) is the only working storage.
 //
 // Containment is tested exactly (distance <= radius, no tolerance). Duplicates of a
 // boundary point (within 1.1920928955078125e-7) are taken as on the circle, so no
@@ -23,8 +26,10 @@
 // cnxCircle2Constructor. With equal radii r it is the plain circle grown (outer) or shrunk
 // (not outer) by r.
 //
-// Refusals (a default giCircle2): non-finite coordinates or radii, negative radii, or radii
-// not one per point.
+// Refusals (a default giCircle2, with the reason recorded; see gfit/platform/report.h): no
+// points (mc(empty) is no circle; recorded as too few points), non-finite coordinates or
+// radii, coordinates or radii beyond 1e150 (their squares would overflow), negative radii,
+// or radii not one per point.
 #pragma once
 
 #include <vector>

@@ -152,3 +152,32 @@ TEST(MinimumCircumscribedCircle, ProbedWithUnequalRadiiEnclosesTheBallsMinimally
 }
 
 }  // namespace
+
+namespace {
+
+// A roundness scan arrives sorted by angle, the order that made the construction in input
+// order quadratic. The drawn order gives the same circle as a scrambled copy of the same
+// points (to rounding), the same bits on a second run, and a circle that holds every point
+// with support on it.
+TEST(MinimumCircumscribedCircle, OrderedScansAndReproducibility) {
+  Rng rng(11);
+  Points p = gfit::testing::noisy_arc(rng, giPoint2(2500, -700), 30.0, 0.0, 2 * M_PI, 20000, 0.004);
+  std::sort(p.begin(), p.end(), [](giPoint2 const& a, giPoint2 const& b) {
+    return std::atan2(a.y() + 700, a.x() - 2500) < std::atan2(b.y() + 700, b.x() - 2500);
+  });
+  giCircle2 c = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle(p);
+  giCircle2 again = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle(p);
+  EXPECT_EQ(c.centre(), again.centre());
+  EXPECT_EQ(c.radius(), again.radius());
+  expect_enclosing_with_support(p, c, 1e-11);
+  Points scrambled(p);
+  for (size_t i = scrambled.size(); i-- > 1;) std::swap(scrambled[i], scrambled[static_cast<size_t>(rng.uniform() * (i + 1))]);
+  giCircle2 s = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle(scrambled);
+  EXPECT_NEAR(s.radius(), c.radius(), 1e-11);
+  EXPECT_NEAR(s.centre().distance(c.centre()), 0.0, 1e-9);
+  std::vector<double> radii(p.size(), 0.25);
+  giCircle2 probed = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle_probed(p, radii, true);
+  EXPECT_NEAR(probed.radius(), c.radius() + 0.25, 1e-9);
+}
+
+}  // namespace

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "gfit/platform/random.h"
+#include "gfit/platform/report.h"
 
 namespace {
 
@@ -191,7 +192,9 @@ int gfContainmentCone::solve(giUnitVec3& axis, giAngle& angle) {
   mlRandom random(1);
   angle = giAngle(full_turn);
   const int n = directions_.count();
-  if (n == 0 || !valid_directions()) return 0;
+  if (n == 0) return gfit::detail::refuse(gfReason::too_few_points, "no directions");
+  if (!valid_directions())
+    return gfit::detail::refuse(gfReason::non_finite_input, "a direction is unset or not finite");
   for (int i = n - 1; i >= 1; --i) {
     int j = random.next() % (i + 1);
     if (j != i) std::swap(directions_[i], directions_[j]);
@@ -219,7 +222,10 @@ int gfContainmentCone::solve(giUnitVec3& axis, giAngle& angle) {
   }
   axis = current.axis;
   angle = giAngle(current.angle);
-  return success_;
+  if (!success_)
+    return gfit::detail::refuse(gfReason::not_determined,
+                                "the directions fill more than a hemisphere: no cone of half-angle below 90 degrees");
+  return gfit::detail::succeed(success_);
 }
 
 int gfContainmentCone::solve_slow_and_simple_for_utest(giUnitVec3& axis, giAngle& angle) {

@@ -13,7 +13,9 @@
 // refused: `solve` returns 0 for two opposite directions, three directions coplanar with the
 // origin, a three-direction cone with half-angle above pi/2 - 1e-7, or a support update with
 // no candidate that holds the other support directions within 1e-7 radians. Directions
-// within squared distance 1e-5 of a support direction are taken as duplicates of it.
+// within squared distance 1e-5 of a support direction are taken as duplicates of it. A
+// refusal records its reason (gfit/platform/report.h): no directions, an unset or
+// non-finite direction, or a set no cone narrower than a hemisphere holds.
 #pragma once
 
 #include "gfit/gfit_export.h"

@@ -41,7 +41,9 @@ TEST(ContainmentCone, SmallAndRefusedSets) {
   giAngle angle;
   auto solve = [&](giUnitVec3coDynArr const& d) { return gfContainmentCone(d).solve(axis, angle); };
   EXPECT_EQ(solve({}), 0);
+  EXPECT_EQ(gfLastReason(), gfReason::too_few_points);
   EXPECT_EQ(solve({giUnitVec3(1, 0, 0), giUnitVec3()}), 0);
+  EXPECT_EQ(gfLastReason(), gfReason::non_finite_input);
   EXPECT_EQ(solve({giUnitVec3(1, 2, 3)}), 1);
   EXPECT_EQ(angle.radians(), 0.0);
   EXPECT_EQ(axis.x(), giUnitVec3(1, 2, 3).x());
@@ -50,6 +52,7 @@ TEST(ContainmentCone, SmallAndRefusedSets) {
   EXPECT_NEAR(angle.radians(), M_PI / 4, 1e-15);
   // Opposite directions, and directions around more than a hemisphere, are refused.
   EXPECT_EQ(solve({giUnitVec3(0, 0, 1), giUnitVec3(0, 0, -1)}), 0);
+  EXPECT_EQ(gfLastReason(), gfReason::not_determined);
   EXPECT_EQ(
       solve({giUnitVec3(1, 0, 0.1), giUnitVec3(-0.5, 0.87, 0.1), giUnitVec3(-0.5, -0.87, 0.1), giUnitVec3(0, 0, -1)}),
       0);

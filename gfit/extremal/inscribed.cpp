@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "gfit/platform/constructions.h"
+#include "gfit/platform/report.h"
 #include "gfit/utilities/vector_utils.h"
 
 namespace {
@@ -16,50 +17,66 @@ void keep_gap_ends(gfDistanceList& nearest, size_t first, size_t second) {
   if (second != first) nearest.emplace_back(0.0, second);
 }
 
+// The radius of the empty circle about c: the smallest (compensated) distance to a point.
+// Measured afresh at the final centre, never to a support point remembered from an earlier
+// step, nor to the first point when the walk stops where it starts.
+double nearest_distance(std::vector<giPoint2> const& points, double const* rho, giPoint2 const& c) {
+  double smallest = DBL_MAX;
+  for (size_t i = 0; i < points.size(); ++i) smallest = std::min(smallest, c.distance(points[i]) - (rho ? rho[i] : 0.0));
+  return smallest;
+}
+
 }  // namespace
 
 giCircle2 gfMaximumInscribedCircle::calculate_maximum_inscribed_circle(std::vector<giPoint2> const& points,
                                                                        utOptionalArg<giCircle2&> start) {
-  if (points.empty() || !gfit::detail::finite_points(points)) return giCircle2();
+  if (!gfit::detail::accept_profile(points, 1)) return giCircle2();
   const size_t n = points.size();
   giPoint2 c = start ? start->centre() : gfit::detail::centroid(points);
-  // Deliberately the first point, not the nearest: the walk measures the radius again.
-  double r = start ? start->radius() : c.distance(points[0]);
+  if (!gfit::detail::centre_in_range(c)) {
+    gfit::detail::refuse(gfReason::invalid_argument, "the start circle's centre is not a usable point");
+    return giCircle2();
+  }
   gfDistanceList farthest, nearest;
-  size_t first = n, second = n;  // n: no support index yet
   giUnitVec2 direction;
   for (size_t iteration = 0; iteration < n; ++iteration) {
     gfCircleFitUtils::calculate_distances(points, c, farthest, nearest);
+    if (nearest.empty()) break;
+    size_t first = n, second = n;  // n: the nearest points show one direction
     bool ok = step_direction_inscribed(points, nearest, c, direction, first, second);
-    if (first == n) first = second = nearest[0].second;  // one nearest direction so far
-    if (iteration == 0) r = c.distance(points[first]);
+    if (first == n) first = second = nearest[0].second;
     if (!ok) break;
     if (nearest.size() > 2) keep_gap_ends(nearest, first, second);
     double t;
     if (!gfCircleFitUtils::step_distance(c, direction, points, nearest, t) || t == DBL_MAX) break;
-    c += direction * t;
-    r = c.distance(points[first]);
+    giPoint2 next = c + direction * t;
+    if (!gfit::detail::centre_in_range(next)) break;
+    c = next;
   }
-  return giCircle2(c, r);
+  gfit::detail::succeed();
+  return giCircle2(c, nearest_distance(points, nullptr, c));
 }
 
 giCircle2 gfMaximumInscribedCircle::calculate_maximum_inscribed_circle_probed(std::vector<giPoint2> const& points,
                                                                               std::vector<double> const& radii,
                                                                               bool negate_radii,
                                                                               utOptionalArg<giCircle2&> start) {
-  if (points.empty() || !gfit::detail::finite_points(points) || !gfit::detail::valid_radii(points, radii))
-    return giCircle2();
+  if (!gfit::detail::accept_profile(points, 1, &radii)) return giCircle2();
   const size_t n = points.size();
   std::vector<double> rho(radii);
   if (negate_radii)
     for (double& v : rho) v = -v;
   giPoint2 c = start ? start->centre() : gfit::detail::centroid(points);
-  double r = start ? start->radius() : std::max(0.0, c.distance(points[0]) - rho[0]);
+  if (!gfit::detail::centre_in_range(c)) {
+    gfit::detail::refuse(gfReason::invalid_argument, "the start circle's centre is not a usable point");
+    return giCircle2();
+  }
   gfDistanceList farthest, nearest;
-  size_t first = n, second = n;
   giUnitVec2 direction;
   for (size_t iteration = 0; iteration < n; ++iteration) {
     gfCircleFitUtils::calculate_distances(points, c, farthest, nearest, rho);
+    if (nearest.empty()) break;
+    size_t first = n, second = n;
     if (!step_direction_inscribed(points, nearest, c, direction, first, second)) break;
     if (first == n) first = second = nearest[0].second;
     // Deliberately a lower threshold than the plain walk: two nearest points already
@@ -67,10 +84,11 @@ giCircle2 gfMaximumInscribedCircle::calculate_maximum_inscribed_circle_probed(st
     if (nearest.size() > 1) keep_gap_ends(nearest, first, second);
     giPoint2 next;
     if (!inscribed_probe_step(c, direction, points, rho, nearest, negate_radii, next)) break;
+    if (!gfit::detail::centre_in_range(next)) break;
     c = next;
-    r = c.distance(points[first]) - rho[first];
   }
-  return giCircle2(c, r);
+  gfit::detail::succeed();
+  return giCircle2(c, nearest_distance(points, rho.data(), c));
 }
 
 bool gfMaximumInscribedCircle::step_direction_inscribed(std::vector<giPoint2> const& points, gfDistanceList& nearest,
@@ -119,7 +137,7 @@ bool gfMaximumInscribedCircle::step_direction_inscribed(std::vector<giPoint2> co
 bool gfMaximumInscribedCircle::inscribed_probe_step(giPoint2 const& centre, giVector2 const& direction,
                                                     std::vector<giPoint2> const& points,
                                                     std::vector<double> const& radii, gfDistanceList const& support,
-                                                    bool /*negate_radii*/, giPoint2& new_centre) {
+                                                    bool negate_radii, giPoint2& new_centre) {
   const double eps = giTolerance;
   double best = DBL_MAX;
   if (support.size() == 1) {
@@ -142,12 +160,17 @@ bool gfMaximumInscribedCircle::inscribed_probe_step(giPoint2 const& centre, giVe
     new_centre = centre + direction * best;
     return true;
   }
+  // Equal compensated distances e = |c - p| - rho: with rho >= 0 the circle of radius e
+  // touches the balls (p, rho) from outside; with negated radii (rho = -r) |c - p| = e - r,
+  // so it encloses the balls (p, r).
+  const int selector = negate_radii ? cnxCircle2Constructor::enclose_all : 0;
   size_t a = support[0].second, b = support[1].second;
   cnxCircle2 A(points[a], std::fabs(radii[a])), B(points[b], std::fabs(radii[b]));
   for (size_t j = 0; j < points.size(); ++j) {
     if (j == a || j == b) continue;
     cnxCircle2 K(points[j], std::fabs(radii[j])), touching;
-    if (!cnxCircle2Constructor::construct(touching, cnx_tangent, A, cnx_tangent, B, cnx_tangent, K, 0)) continue;
+    if (!cnxCircle2Constructor::construct(touching, cnx_tangent, A, cnx_tangent, B, cnx_tangent, K, selector))
+      continue;
     double e = (touching.centre() - centre).dot(direction);
     if (eps < e && e < best) {
       best = e;

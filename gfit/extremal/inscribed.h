@@ -11,18 +11,27 @@
 // local maximum of the distance to the nearest point; which one depends on the start (the
 // centroid by default, or the caller's circle).
 //
-// The radius is the distance from the centre to a support point of the last step. Points
-// within 1.1920928955078125e-7 of the nearest distance count as equally near.
+// The radius is the smallest (compensated) distance from the final centre to a point,
+// measured afresh there: not the distance to a support point remembered from an earlier
+// step, nor to the first point when the walk stops where it starts (which would report the
+// circumscribed radius of an evenly sampled lobed bore). Points within
+// 1.1920928955078125e-7 of the nearest distance count as equally near. When the nearest
+// points show one direction only, that nearest point is the support of the next step.
 //
 // Probe compensation: the compensated distance of point i from a centre c is
 // |c - p_i| - rho_i, with rho_i = r_i, or -r_i when the `bool` is true. One support point
 // moves the centre straight away until the compensated distance of another point equals
-// its own; two use the circle that touches three probe balls from outside
-// (cnxCircle2Constructor, selector 0, unsigned radii) and take the nearest such centre ahead.
-// With equal radii r the centre is the plain one and the radius differs by r.
+// its own; two use the circle on which three compensated distances are equal
+// (cnxCircle2Constructor with the unsigned radii): it touches the three balls from outside
+// (selector 0) when rho_i = r_i, and encloses them (selector 14) when rho_i = -r_i, since
+// then |c - p_i| = e - r_i. The nearest such centre ahead is taken. With equal radii r the
+// centre is the plain one and the radius differs by r.
 //
-// Refusals (a default giCircle2): no points, non-finite coordinates or radii, negative
-// radii, or radii not one per point.
+// Refusals (a default giCircle2, with the reason recorded; see gfit/platform/report.h): no
+// points (the centroid of nothing has no place, so there is no circle to return; recorded as
+// too few points), non-finite coordinates or radii, coordinates or radii beyond 1e150 (their
+// squares would overflow), negative radii, radii not one per point, or a start circle whose
+// centre is not finite. The walk never moves the centre beyond 1e153.
 #pragma once
 
 #include <vector>

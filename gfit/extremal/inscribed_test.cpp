@@ -105,6 +105,48 @@ TEST(MaximumInscribedCircle, ProbedFormsMatchThePlainOne) {
   }
 }
 
+// Evenly sampled lobed profiles whose first point is a peak and whose centroid is the
+// centre: the walk stops where it starts, and the radius must still be the distance to the
+// nearest point (it was once the first point's, the circumscribed radius).
+TEST(MaximumInscribedCircle, RadiusIsTheNearestDistanceWhenTheWalkStopsAtOnce) {
+  for (int n : {9, 15, 21, 33}) {
+    Points p = lobed_profile(giPoint2(40, -15), 12.5, 3, 0.004, n);
+    double expected = nearest_distance(p, giPoint2(40, -15));
+    giCircle2 plain = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle(p);
+    EXPECT_NEAR(plain.radius(), expected, 1e-12) << n;
+    for (double r : {0.0, 0.5})
+      for (bool more : {false, true}) {
+        giCircle2 c = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle_probed(
+            p, std::vector<double>(p.size(), r), more);
+        EXPECT_NEAR(c.radius(), expected + (more ? r : -r), 1e-12) << n << " " << r << " " << more;
+      }
+  }
+}
+
+// Unequal probe radii, added to the distances (balls touching a bore from inside): the walk
+// ends where no small move of the centre enlarges the smallest compensated distance, and
+// the radius is that distance.
+TEST(MaximumInscribedCircle, ProbedWithUnequalAddedRadiiEndsAtALocalMaximum) {
+  Rng rng(9);
+  for (int trial = 0; trial < 4; ++trial) {
+    Points p = lobed_profile(giPoint2(-20, 70), 10.0, 3 + trial, 0.02, 90, 0.2 * trial);
+    std::vector<double> radii;
+    for (size_t i = 0; i < p.size(); ++i) radii.push_back(rng.uniform(0.2, 0.6));
+    auto smallest = [&](giPoint2 const& c) {
+      double m = DBL_MAX;
+      for (size_t i = 0; i < p.size(); ++i) m = std::min(m, p[i].distance(c) + radii[i]);
+      return m;
+    };
+    giCircle2 c = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle_probed(p, radii, true);
+    EXPECT_NEAR(c.radius(), smallest(c.centre()), 1e-12) << trial;
+    for (double h = 1e-2; h > 1e-7; h *= 0.1)
+      for (int k = 0; k < 16; ++k)
+        EXPECT_LE(smallest(c.centre() + giVector2(h * std::cos(k * M_PI / 8), h * std::sin(k * M_PI / 8))),
+                  c.radius() + 1e-12)
+            << trial << " " << h;
+  }
+}
+
 TEST(MaximumInscribedCircle, RefusalsAndSharedUtilities) {
   EXPECT_TRUE(gfMaximumInscribedCircle::calculate_maximum_inscribed_circle({}).invalid());
   EXPECT_TRUE(gfMaximumInscribedCircle::calculate_maximum_inscribed_circle({giPoint2(INFINITY, 0)}).invalid());

@@ -4,6 +4,8 @@
 #include <cfloat>
 #include <cmath>
 
+#include "gfit/extremal/minimum_zone.h"
+#include "gfit/platform/report.h"
 #include "gfit/utilities/vector_utils.h"
 
 namespace {
@@ -21,6 +23,42 @@ bool unit_towards(giPoint2 const& centre, giPoint2 const& p, giUnitVec2& u) {
   return true;
 }
 
+// Three or more distinct points on one straight line have no minimum-zone circle: the zone
+// narrows without end as the circle grows into their line. Refused as not determined.
+bool minimum_zone_exists(std::vector<giPoint2> const& points) {
+  if (points.size() < 3) return true;
+  giPoint2 o = gfit::detail::centroid(points);
+  double xx = 0.0, xy = 0.0, yy = 0.0;
+  for (giPoint2 const& p : points) {
+    double x = p.x() - o.x(), y = p.y() - o.y();
+    xx += x * x, xy += x * y, yy += y * y;
+  }
+  double mean = 0.5 * (xx + yy), spread = std::hypot(0.5 * (xx - yy), xy);
+  double largest = mean + spread, smallest = xx * yy - xy * xy > 0.0 ? (xx * yy - xy * xy) / largest : 0.0;
+  if (largest == 0.0 || smallest > 1e-24 * largest) return true;  // coincident points: a zone of width 0
+  gfit::detail::refuse(gfReason::not_determined, "the points lie on a straight line: no circle bounds their zone");
+  return false;
+}
+
+// Replaces (centre, radius, width) by the certified minimum zone refined from that centre or
+// from the algebraic circle's, whichever is narrower, when it is narrower.
+void finish_minimum_zone(std::vector<giPoint2> const& points, double const* rho, giPoint2& centre, double& radius,
+                         double& width) {
+  if (points.size() < 3) return;
+  bool distinct = false;
+  for (giPoint2 const& p : points) distinct = distinct || p != points[0];
+  if (!distinct) return;
+  gfit::detail::MinimumZone best = gfit::detail::refine_minimum_zone(points, rho, centre);
+  gfit::detail::MinimumZone other =
+      gfit::detail::refine_minimum_zone(points, rho, gfit::detail::algebraic_circle_centre(points));
+  if (other.width < best.width) best = other;
+  if (best.width < width || !(width == width)) {
+    centre = best.centre;
+    radius = best.radius;
+    width = best.width;
+  }
+}
+
 }  // namespace
 
 giPoint2 gfMinMaxCircleFit::get_centre_point(std::vector<giPoint2> const& points) {
@@ -28,10 +66,18 @@ giPoint2 gfMinMaxCircleFit::get_centre_point(std::vector<giPoint2> const& points
 }
 
 giCircle2 gfMinMaxCircleFit::fit(std::vector<giPoint2> const& points, double& width) {
-  if (!gfit::detail::finite_points(points)) return giCircle2();
+  if (points.empty()) {
+    width = 0.0;
+    gfit::detail::refuse(gfReason::too_few_points, "no points");
+    return giCircle2();
+  }
+  if (!gfit::detail::accept_profile(points, 1)) return giCircle2();
+  if (!minimum_zone_exists(points)) return giCircle2();
   width = 0.0;
-  if (points.empty()) return giCircle2();
-  if (points.size() == 1) return giCircle2(points[0], 0.0);
+  if (points.size() == 1) {
+    gfit::detail::succeed();
+    return giCircle2(points[0], 0.0);
+  }
   width = DBL_MAX;
   giPoint2 c = get_centre_point(points), centre = c;
   double r = c.distance(points[0]);
@@ -39,6 +85,7 @@ giCircle2 gfMinMaxCircleFit::fit(std::vector<giPoint2> const& points, double& wi
   giVector2 direction;
   for (size_t iteration = 0, limit = 10 * points.size(); iteration < limit; ++iteration) {
     gfCircleFitUtils::calculate_distances(points, c, farthest, nearest);
+    if (farthest.empty() || nearest.empty()) break;
     double w = farthest[0].first - nearest[0].first;
     if (!(w <= width)) break;  // the width grew (or is not a number): keep the previous centre
     width = w;
@@ -47,8 +94,14 @@ giCircle2 gfMinMaxCircleFit::fit(std::vector<giPoint2> const& points, double& wi
     double t;
     if (!step_direction(points, nearest, farthest, c, direction)) break;
     if (!gfCircleFitUtils::step_distance(c, direction, points, nearest, t)) break;
-    c += direction * t;
+    giPoint2 next = c + direction * t;
+    if (!gfit::detail::centre_in_range(next)) break;
+    c = next;
   }
+  // The walk stops where its steps stop narrowing the zone, which need not be the minimum:
+  // finish from its centre (and from the algebraic circle's) with the certified descent.
+  finish_minimum_zone(points, nullptr, centre, r, width);
+  gfit::detail::succeed();
   return giCircle2(centre, r);
 }
 
@@ -110,9 +163,13 @@ bool gfMinMaxCircleFit::step_direction(std::vector<giPoint2> const& points, gfDi
 
 giCircle2 gfMinMaxCircleFit::fit_probed(std::vector<giPoint2> const& points, std::vector<double> const& radii,
                                         bool negate_radii, double& width) {
-  if (!gfit::detail::finite_points(points) || !gfit::detail::valid_radii(points, radii)) return giCircle2();
-  width = 0.0;
-  if (points.empty()) return giCircle2();
+  if (points.empty() && radii.empty()) {
+    width = 0.0;
+    gfit::detail::refuse(gfReason::too_few_points, "no points");
+    return giCircle2();
+  }
+  if (!gfit::detail::accept_profile(points, 1, &radii)) return giCircle2();
+  if (!minimum_zone_exists(points)) return giCircle2();
   std::vector<double> rho(radii);
   if (negate_radii)
     for (double& v : rho) v = -v;
@@ -129,13 +186,20 @@ giCircle2 gfMinMaxCircleFit::fit_probed(std::vector<giPoint2> const& points, std
   mlVector x;
   simplex.result(x);
   giPoint2 centre(x[0], x[1]);
+  if (!gfit::detail::centre_in_range(centre)) centre = start;
   gfDistanceList farthest, nearest;
   gfCircleFitUtils::calculate_distances(points, centre, farthest, nearest, rho);
   double largest = farthest.empty() ? -DBL_MAX : farthest[0].first;
   if (farthest.empty())  // every compensated distance below -1: the list was never started
     for (size_t i = 0; i < points.size(); ++i) largest = std::max(largest, centre.distance(points[i]) - rho[i]);
-  width = largest - nearest[0].first;
-  return giCircle2(centre, (nearest[0].first + largest) * 0.5);
+  double smallest = nearest.empty() ? largest : nearest[0].first;
+  double w = largest - smallest, r = (smallest + largest) * 0.5;
+  // The simplex stops on the spread of its vertices, a little short of the corner where the
+  // zone is narrowest: finish with the certified descent.
+  finish_minimum_zone(points, rho.data(), centre, r, w);
+  width = w;
+  gfit::detail::succeed();
+  return giCircle2(centre, r);
 }
 
 gfProbedMinMaxCircleFunctionN1::~gfProbedMinMaxCircleFunctionN1() = default;

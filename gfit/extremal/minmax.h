@@ -3,20 +3,28 @@
 // the centre to the points, and the circle midway between the two. The width is the
 // roundness of the profile.
 //
-// Plain form (`fit`): a walk of the centre from the centroid. At each centre the farthest
-// and nearest points (within 1.1920928955078125e-7) are found; the centre moves towards the
-// middle of the angular sweep of the farthest points (towards the only farthest point, when
-// there is one) as far as the next place where another point becomes as near as a nearest
-// point, and the walk stops as soon as the width would grow, when a nearest point lies
-// strictly inside the farthest points' sweep (the extreme points interlace: the
-// minimum-zone condition), when the width is below 1.1920928955078125e-6, or after 10 n
-// steps. The result belongs to the last centre whose width did not exceed its
-// predecessor's. The walk is a descent that watches only the nearest points' events: it
-// reaches the minimum zone on profiles whose extremes interlace near the centroid (evenly
-// sampled lobed profiles), but it stops at the first step that overshoots the farthest
-// points, which on noisy or interrupted profiles can be well above the minimum zone (twice
-// it on a 270-degree arc of a lobed bore). `fit_probed` with zero radii minimises the same
-// width with the simplex and reaches the minimum zone on those profiles.
+// Plain form (`fit`): a walk of the centre from the centroid, then an exact finish.
+// The walk: at each centre the farthest and nearest points (within 1.1920928955078125e-7)
+// are found; the centre moves towards the middle of the angular sweep of the farthest points
+// (towards the only farthest point, when there is one) as far as the next place where
+// another point becomes as near as a nearest point, and the walk stops as soon as the width
+// would grow, when a nearest point lies strictly inside the farthest points' sweep, when the
+// width is below 1.1920928955078125e-6, or after 10 n steps. The walk only watches the
+// nearest points' events and stops at the first step that would widen the zone, so on its
+// own it can stop well above the minimum zone (7 % on evenly sampled lobed profiles, several
+// times it on noisy partial arcs).
+//
+// Added to the walk, the finish: from the walk's centre, and from the centre of the
+// algebraic circle through the points, a trust-region descent on the limacon model of the
+// width (a small linear programme per step) runs until its basis names the contact points;
+// the centre is then solved exactly from them (two outer and two inner points, or three and
+// one), and the narrower of the two results replaces the walk's when it is narrower. The
+// result carries its own proof: the directions to the outer and the inner contacts
+// alternate around the centre (2 + 2), so no move of the centre narrows the zone (see
+// minimum_zone.h). The width is not convex in the centre; started from those two centres,
+// the finish reaches the minimum zone of roundness profiles full or partial (180 and 270
+// degrees, even or uneven sampling, with noise), as exhaustive search over contact sets
+// confirms.
 //
 // Probe-compensated form (`fit_probed`): the width of the compensated distances
 // |c - p_i| - rho_i (rho_i = r_i, or -r_i when the `bool` is true) is minimised over the
@@ -25,12 +33,19 @@
 // and on the simplex extent, at most 5000 evaluations per variable, one restart from the
 // best vertex). The initial simplex is scaled to the data: a step of 1/10 of the points'
 // RMS distance from the centroid along each axis, so that profiles far from the origin are
-// searched at their own size. With all radii 0 it minimises the plain width; with equal
-// radii r the centre and width are the plain ones and the radius differs by r.
+// searched at their own size. The simplex stops on the size of its vertices, a little short
+// of the corner where the zone is narrowest; the same exact finish follows (the contact
+// equations then are |c - p_a| - rho_a = |c - p_b| - rho_b, solved by Newton's method).
+// With all radii 0 it gives the plain minimum zone; with equal radii r the centre and width
+// are the plain ones and the radius differs by r.
 //
-// Refusals (a default giCircle2, `width` untouched): non-finite coordinates or radii,
-// negative radii, or radii not one per point. No points give a default circle and width 0;
-// one point (plain form) its own place with radius 0 and width 0.
+// Refusals (a default giCircle2, `width` untouched; the reason is recorded, see
+// gfit/platform/report.h): non-finite coordinates or radii, coordinates or radii beyond
+// 1e150 (their squares would overflow), negative radii, radii not one per point, and three
+// or more distinct points on one straight line (no circle bounds their zone: it narrows
+// without end as the radius grows). No points give a default circle and width 0 (recorded as
+// too few points); one point (plain form) its own place with radius 0 and width 0, and so do
+// coincident points.
 #pragma once
 
 #include <vector>

@@ -103,6 +103,126 @@ TEST(MinMaxCircleFit, NoisyProfiles) {
   }
 }
 
+// A profile for the minimum-zone table: lobes of amplitude `lobe` sampled over `span` at even
+// or random angles, with radial noise, about a centre away from the origin.
+struct ZoneCase {
+  char const* name;
+  int n, lobes;
+  double lobe, noise, span;
+  bool even;
+};
+
+Points zone_profile(ZoneCase const& z, Rng& rng, giPoint2 const& centre) {
+  Points p;
+  for (int i = 0; i < z.n; ++i) {
+    double t = z.even ? z.span * i / (z.span >= 2 * M_PI ? z.n : z.n - 1) : rng.uniform(0.0, z.span);
+    if (!z.even && i % 3 == 0) t *= 0.3;  // uneven: a third of the points crowd the first part
+    double r = 12.5 + z.lobe * std::cos(z.lobes * t) + z.noise * rng.normal();
+    p.push_back(centre + giVector2(r * std::cos(t + 0.4), r * std::sin(t + 0.4)));
+  }
+  return p;
+}
+
+// The directions from c to the points within `tol` of the largest and of the smallest
+// compensated distance alternate around c: the zone cannot be narrowed by moving c.
+bool contacts_alternate(Points const& p, std::vector<double> const& rho, giPoint2 const& c, double tol) {
+  double lo = DBL_MAX, hi = -DBL_MAX;
+  for (size_t i = 0; i < p.size(); ++i) {
+    lo = std::min(lo, p[i].distance(c) - rho[i]);
+    hi = std::max(hi, p[i].distance(c) - rho[i]);
+  }
+  std::vector<std::pair<double, int>> around;
+  for (size_t i = 0; i < p.size(); ++i) {
+    double d = p[i].distance(c) - rho[i], a = std::atan2(p[i].y() - c.y(), p[i].x() - c.x());
+    if (d >= hi - tol) around.emplace_back(a, 1);
+    if (d <= lo + tol) around.emplace_back(a, -1);
+  }
+  std::sort(around.begin(), around.end());
+  int changes = 0;
+  for (size_t k = 0; k < around.size(); ++k) changes += around[k].second != around[(k + 1) % around.size()].second;
+  return changes >= 4;
+}
+
+// Evenly and unevenly sampled, noisy and noise-free, full and partial profiles (the walk
+// alone stops well above the minimum zone on several of them): the width equals the
+// exhaustive search over contact sets, the contacts alternate, and the probed form with
+// zero radii and with equal radii gives the same zone.
+TEST(MinMaxCircleFit, MinimumZoneEqualsExhaustiveSearch) {
+  const ZoneCase cases[] = {
+      {"36 even, 5 lobes", 36, 5, 0.01, 0.0, 2 * M_PI, true},
+      {"36 even, 7 lobes", 36, 7, 0.01, 0.0, 2 * M_PI, true},
+      {"36 even, 3 lobes, noisy", 36, 3, 0.01, 0.002, 2 * M_PI, true},
+      {"30 uneven, noisy", 30, 0, 0.0, 0.003, 2 * M_PI, false},
+      {"30 uneven, 4 lobes", 30, 4, 0.005, 0.001, 2 * M_PI, false},
+      {"36 even, 3 lobes, 270 degrees", 36, 3, 0.01, 0.0, 1.5 * M_PI, true},
+      {"30 uneven, 270 degrees, noisy", 30, 2, 0.004, 0.002, 1.5 * M_PI, false},
+      {"30 even, 180 degrees, noisy", 30, 0, 0.0, 0.003, M_PI, true},
+      {"30 uneven, 180 degrees, noisy", 30, 3, 0.002, 0.003, M_PI, false},
+  };
+  Rng rng(7);
+  for (ZoneCase const& z : cases)
+    for (giPoint2 centre : {giPoint2(0.0, 0.0), giPoint2(3000.0, -2000.0)}) {
+      Points p = zone_profile(z, rng, centre);
+      const double reference = brute_force_width(p);
+      double width = -1.0, zero_width = -1.0, equal_width = -1.0;
+      giCircle2 c = gfMinMaxCircleFit::fit(p, width);
+      EXPECT_NEAR(width, reference, 1e-9 * reference) << z.name;
+      double again = -1.0;
+      giCircle2 second = gfMinMaxCircleFit::fit(p, again);  // the same bits on every run
+      EXPECT_TRUE(again == width && second.centre() == c.centre() && second.radius() == c.radius()) << z.name;
+      EXPECT_NEAR(width, width_at(p, c.centre()), 1e-12) << z.name;
+      EXPECT_TRUE(contacts_alternate(p, std::vector<double>(p.size(), 0.0), c.centre(), 1e-11)) << z.name;
+      gfMinMaxCircleFit::fit_probed(p, std::vector<double>(p.size(), 0.0), false, zero_width);
+      EXPECT_NEAR(zero_width, reference, 1e-9 * reference) << z.name;
+      giCircle2 equal = gfMinMaxCircleFit::fit_probed(p, std::vector<double>(p.size(), 0.75), true, equal_width);
+      EXPECT_NEAR(equal_width, reference, 1e-9 * reference) << z.name;
+      EXPECT_NEAR(equal.radius(), c.radius() + 0.75, 1e-9) << z.name;
+    }
+}
+
+// A million units from the origin the centre itself rounds to 1.2e-10, so the width can
+// only follow the exhaustive search (made on the points moved next to the origin) to a
+// few times that.
+TEST(MinMaxCircleFit, MinimumZoneFarFromTheOrigin) {
+  Rng rng(17);
+  for (double span : {2 * M_PI, M_PI}) {
+    Points near = zone_profile({"", 30, 3, 0.004, 0.002, span, false}, rng, giPoint2(0.0, 0.0));
+    Points far;
+    for (giPoint2 const& q : near) far.push_back(giPoint2(q.x() + 1e6, q.y() - 2e6));
+    double width = -1.0;
+    gfMinMaxCircleFit::fit(far, width);
+    EXPECT_NEAR(width, brute_force_width(near), 1e-9) << span;
+  }
+}
+
+// Probe radii that differ point to point: no move of the centre on a fine pattern narrows
+// the compensated zone, and its contacts alternate.
+TEST(MinMaxCircleFit, ProbedMinimumZoneWithUnequalRadii) {
+  Rng rng(3);
+  for (double span : {2 * M_PI, M_PI}) {
+    Points p = zone_profile({"", 40, 3, 0.01, 0.002, span, false}, rng, giPoint2(-40.0, 25.0));
+    std::vector<double> radii;
+    for (size_t i = 0; i < p.size(); ++i) radii.push_back(rng.uniform(0.5, 1.5));
+    double width = 0.0;
+    giCircle2 c = gfMinMaxCircleFit::fit_probed(p, radii, false, width);
+    auto compensated = [&](giPoint2 const& q) {
+      double lo = DBL_MAX, hi = -DBL_MAX;
+      for (size_t i = 0; i < p.size(); ++i) {
+        lo = std::min(lo, p[i].distance(q) - radii[i]);
+        hi = std::max(hi, p[i].distance(q) - radii[i]);
+      }
+      return hi - lo;
+    };
+    EXPECT_NEAR(width, compensated(c.centre()), 1e-12);
+    for (double h = 1e-3; h > 1e-9; h *= 0.1)
+      for (int k = 0; k < 16; ++k) {
+        giPoint2 q = c.centre() + giVector2(h * std::cos(k * M_PI / 8), h * std::sin(k * M_PI / 8));
+        EXPECT_GE(compensated(q), width * (1.0 - 1e-9)) << span << " " << h;
+      }
+    EXPECT_TRUE(contacts_alternate(p, radii, c.centre(), 1e-11));
+  }
+}
+
 TEST(MinMaxCircleFit, ProbedWithEqualRadiiShiftsTheRadius) {
   Points p = lobed_profile(giPoint2(-700, 1200), 15.0, 3, 0.01, 180, 0.3);
   double plain_width = 0.0, width = 0.0;

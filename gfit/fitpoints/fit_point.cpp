@@ -12,8 +12,9 @@ void gfProbedPoint3::initial_projection(gfProjectedPoint3& out, gfFitPointProjec
 
 void gfProbedPoint3::project_from_position(giXform3 const& xform, gfProjectedPoint3& out,
                                            gfFitPointProjector3 const* projector) const {
-  // Projectors of probed points keep a working list between calls, so projecting is not a
-  // const operation of theirs; the batch interface hands them out const all the same.
+  // rotate_and_project is not const in the projectors' interface, but no projector of the
+  // library changes when it projects (working storage is per call or per thread), so a
+  // projector handed out const by the batch interface may be used through it.
   auto* probing = dynamic_cast<gfProjectorForFitting3 const*>(projector);
   if (probing) const_cast<gfProjectorForFitting3*>(probing)->rotate_and_project(xform, this, out);
 }

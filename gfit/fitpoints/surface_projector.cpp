@@ -40,13 +40,16 @@ void gfSurfProjectorForFitting3::rotate_and_project(giXform3 const& xform, gfPro
     bool accepted = n.cross(u).length() <= parallel_limit;
     return accepted && (r == 0.0 || dot_or_zero(approximate, u) > 0.0) ? foot.distance : DBL_MAX;
   };
-  surface_.project(p, feet_, cutoff);
+  // Per-thread working storage: never shared, so concurrent calls on one projector cannot
+  // meet; the kernel rebuilds the evaluators when the list last served another surface.
+  static thread_local tskSurfPointList feet;
+  surface_.project(p, feet, cutoff);
 
   double best = DBL_MAX;
   giPoint3 nominal;
   giUnitVec3 normal;
-  for (int i = 0; i < feet_.count(); ++i) {
-    tskSurfPoint const& foot = feet_[i];
+  for (int i = 0; i < feet.count(); ++i) {
+    tskSurfPoint const& foot = feet[i];
     giUnitVec3 n;
     if (!surface_.normal(foot, normal_tolerance, normal_tolerance, n)) continue;
     giVector3 d = p - foot.point;

@@ -24,8 +24,11 @@
 
 class GFIT_CAD_EXPORT gfSurfProjectorForFitting3 : public gfProjectorForFitting3 {
  public:
-  // The surface must outlive the projector. One projector per thread: it keeps the working
-  // list of foot points (with the kernel's per-face evaluators) between calls.
+  // The surface must outlive the projector. The projector holds nothing but the surface: the
+  // working list of foot points (with the kernel's per-face evaluators, which are costly to
+  // build) belongs to the calling thread and is reused by its next projections, onto this
+  // surface or any other. So one projector may serve any number of threads at once, and each
+  // answer is the same whichever thread computes it.
   explicit gfSurfProjectorForFitting3(tskSurf const& surface);
   ~gfSurfProjectorForFitting3() override;
   // A null `probed` leaves `out` as it was. An unset approximate normal counts as
@@ -34,7 +37,6 @@ class GFIT_CAD_EXPORT gfSurfProjectorForFitting3 : public gfProjectorForFitting3
 
  private:
   tskSurf const& surface_;
-  tskSurfPointList feet_;
 };
 
 class GFIT_CAD_EXPORT gfSurfaceForFitting : public gfObjectForFitting {

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <memory>
+#include <thread>
+#include <vector>
 
 #include "gfit/cad.h"
 #include "test/support/cad_shapes.h"
@@ -133,6 +136,36 @@ TEST(SurfaceForFitting, CopyThenTransformLeavesTheSourceAlone) {
 
   gfSurfaceForFitting nothing(nullptr);
   EXPECT_TRUE(nothing.create_projector());
+}
+
+// One projector shared by eight threads gives every thread the serial answer, bit for bit:
+// the projector keeps no working state of its own.
+TEST(SurfaceProjector, OneProjectorServesManyThreads) {
+  tskSurfPtr part = demo_bracket();
+  gfSurfProjectorForFitting3 projector(*part);
+  mlRandom rng(1);
+  std::vector<gfProbedPoint3> points;
+  for (int i = 0; i < 600; ++i)
+    points.emplace_back(giPoint3(-5 + 90 * rng.next_unit(), -5 + 60 * rng.next_unit(), -5 + 30 * rng.next_unit()),
+                        giUnitVec3(rng.next_unit() - 0.5, rng.next_unit() - 0.5, 1.0), 0.5 * rng.next_unit());
+  giXform3 shift = giXform3(giXformRotate{}, giPoint3(40, 25, 10), giUnitVec3(0, 0, 1), giAngle(0.01));
+  auto run = [&](std::vector<gfProjectedPoint3>& out) {
+    out.assign(points.size(), gfProjectedPoint3());
+    projector.project_batch([&](int i) -> gfFitPoint3 const& { return points[i]; },
+                            [&](int i) -> gfProjectedPoint3& { return out[i]; }, static_cast<int>(points.size()), 0,
+                            shift);
+  };
+  std::vector<gfProjectedPoint3> serial;
+  run(serial);
+  std::vector<std::vector<gfProjectedPoint3>> parallel(8);
+  std::vector<std::thread> threads;
+  for (auto& out : parallel) threads.emplace_back([&run, &out] { run(out); });
+  for (auto& t : threads) t.join();
+  int valid = 0;
+  for (gfProjectedPoint3 const& r : serial) valid += r.invalid() ? 0 : 1;
+  EXPECT_GT(valid, 300);
+  for (auto const& out : parallel)
+    EXPECT_EQ(std::memcmp(out.data(), serial.data(), serial.size() * sizeof(gfProjectedPoint3)), 0);
 }
 
 }  // namespace

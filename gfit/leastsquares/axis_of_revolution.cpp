@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/levenberg_marquardt.h"
 
 gfLeastSquareAxisRev::gfLeastSquareAxisRev(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals)
@@ -88,12 +89,15 @@ void gfLeastSquareAxisRev::evaluate(giPoint3& point, giUnitVec3& direction, doub
 
 int gfLeastSquareEvaluator::evaluate_axis_rev(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                               giPoint3& point, giUnitVec3& direction, double& residual) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (n < 6 || normals.count() != n || !gfit::detail::all_finite(points) || !gfit::detail::all_valid(normals))
+  if (n < 6) return refuse(gfReason::too_few_points);
+  if (!gfit::detail::check_normals(normals, n, false) ||
+      !gfit::detail::check_points(points, 6, gfit::detail::Span::line))
     return 0;
   if (!direction.invalid() && !(std::isfinite(direction.x()) && std::isfinite(direction.y()) &&
                                 std::isfinite(direction.z())))
-    return 0;
+    return refuse(gfReason::non_finite_input, "the starting direction is not finite");
   gfLeastSquareAxisRev problem(points, normals);
   giPoint3 p = point;
   giUnitVec3 u = direction;
@@ -102,8 +106,16 @@ int gfLeastSquareEvaluator::evaluate_axis_rev(giPoint3coDynArr const& points, gi
     problem.evaluate_with_guess(p, u, value);
   else
     problem.evaluate(p, u, value);
+  if (!(value < DBL_MAX) || !std::isfinite(value) || u.invalid() || !p.finite())
+    return refuse(gfReason::no_convergence);
+  // The Jacobian at the axis point nearest the centroid; a normal along the axis leaves its
+  // gradient unwritten, so the rows are formed point by point from cleared gradients.
+  mlVector axis{p.x(), p.y(), p.z(), u.x(), u.y(), u.z()};
+  gfit::detail::slide_axis_point(axis, problem.centroid());
+  if (!gfit::detail::determined(gfit::detail::determination(problem, axis, -1, -1, true)))
+    return refuse(gfReason::not_determined);
   point = p;
   direction = u;
   residual = std::sqrt(value);
-  return 1;
+  return gfit::detail::succeed();
 }

@@ -6,6 +6,12 @@
 // length, signed; 0 when the normal is parallel to the axis (|w| <= 1e-7), where the
 // gradient row is left as the previous point's.
 // Parameters (6): axis point P (x, y, z), axis direction u (x, y, z); 4 independent.
+//
+// When the points determine the axis (leastsquares/refusal.h): at least 6 points that do not
+// all coincide, exactly one set, finite normal per point, and at the solution a Jacobian of
+// full rank in the 4 independent parameters (judged at the axis point nearest the
+// centroid). A sphere's normals, say, meet every axis through its centre: refused
+// (gfReason::not_determined), outputs untouched.
 #pragma once
 
 #include "gfit/gfit_export.h"

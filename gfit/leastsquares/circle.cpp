@@ -3,10 +3,13 @@
 #include <cmath>
 
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/levenberg_marquardt.h"
+#include "gfit/platform/report.h"
 #include "gfit/utilities/vector_utils.h"
 
-using gfit::detail::all_finite;
+using gfit::detail::refuse;
+using gfit::detail::Span;
 
 // ---- circle in the plane ----------------------------------------------------------------
 
@@ -115,8 +118,9 @@ void gfLeastSquareCircle3::parameter_scales(mlVector& s) const {
 
 int gfLeastSquareEvaluator::evaluate_circle(giPoint2coDynArr const& points, giPoint2& centre, double& radius,
                                             double& residual) {
+  gfit::detail::PointSpread spread;
+  if (!gfit::detail::check_points(points, 3, Span::plane, &spread)) return 0;
   const int n = points.count();
-  if (n < 3 || !all_finite(points)) return 0;
   gfLeastSquareCircle2 problem(points);
   giPoint2 c = problem.centroid();
   double mean = 0.0;
@@ -125,17 +129,24 @@ int gfLeastSquareEvaluator::evaluate_circle(giPoint2coDynArr const& points, giPo
   mlVector start{c.x(), c.y(), mean}, result(3);
   mlLevenbergMarquardt lm(problem);
   double value = lm.fit(start, result);
+  if (!std::isfinite(value)) return refuse(gfReason::no_convergence);
+  if (!gfit::detail::within_size_bound(result[2], spread.extent) ||
+      !gfit::detail::determined(gfit::detail::determination(lm, problem)))
+    return refuse(gfReason::not_determined);
   centre = giPoint2(result[0], result[1]);
   radius = result[2];
   residual = std::sqrt(value);
-  return 1;
+  return gfit::detail::succeed();
 }
 
 int gfLeastSquareEvaluator::evaluate_circle2(giPoint3 const& origin, giUnitVec3 const& normal,
                                              giPoint3coDynArr const& points, giPoint3& centre, double& radius,
                                              double& residual) {
   const int n = points.count();
-  if (n < 3 || normal.invalid() || !origin.finite() || !all_finite(points)) return 0;
+  if (n < 3) return refuse(gfReason::too_few_points);
+  if (normal.invalid()) return refuse(gfReason::invalid_argument, "the plane's normal is unset");
+  if (!origin.finite()) return refuse(gfReason::non_finite_input, "the plane's origin is not finite");
+  if (!gfit::detail::check_points(points, 3, Span::points)) return 0;
   giPoint2coDynArr in_plane;
   giXform3 to_plane;
   gfUtils::ProjectPointsToPlane(points, origin, normal, in_plane, &to_plane);
@@ -153,7 +164,7 @@ int gfLeastSquareEvaluator::evaluate_circle2(giPoint3 const& origin, giUnitVec3 
   centre = c;
   radius = r;
   residual = std::sqrt(sum / n);
-  return 1;
+  return gfit::detail::succeed();
 }
 
 namespace {
@@ -175,21 +186,28 @@ giPoint3coDynArr const& thinned(giPoint3coDynArr const& points, giPoint3coDynArr
 
 int gfLeastSquareEvaluator::evaluate_circle3(giPoint3coDynArr const& points, giPoint3& centre, giUnitVec3& normal,
                                              double& radius, double& residual) {
-  if (points.count() < 3 || !all_finite(points)) return 0;
+  gfit::detail::PointSpread spread;
+  if (!gfit::detail::check_points(points, 3, Span::plane, &spread)) return 0;
   giPoint3coDynArr storage;
   giPoint3coDynArr const& used = thinned(points, storage);
+  // Thinned points must still span a plane.
+  if (&used != &points && !gfit::detail::check_points(used, 3, Span::plane, &spread)) return 0;
   giPoint3 plane_point, c;
   giUnitVec3 n;
   double r = 0.0, rms = 0.0;
-  if (!evaluate_plane(used, plane_point, n, rms)) return 0;
+  if (!evaluate_plane(used, plane_point, n, rms)) return refuse(gfReason::not_determined);
   if (!evaluate_circle2(plane_point, n, used, c, r, rms)) return 0;
   gfLeastSquareCircle3 problem(used);
   mlVector start{c.x(), c.y(), c.z(), n.x(), n.y(), n.z(), r}, result(7);
   mlLevenbergMarquardt lm(problem);
   double value = lm.fit(start, result);
+  if (!std::isfinite(value)) return refuse(gfReason::no_convergence);
+  if (!gfit::detail::within_size_bound(result[6], spread.extent) ||
+      !gfit::detail::determined(gfit::detail::circle3_determination(used, result)))
+    return refuse(gfReason::not_determined);
   residual = std::sqrt(value);
   normal = giUnitVec3(result[3], result[4], result[5]);
   radius = result[6];
   centre = giPoint3(result[0], result[1], result[2]);
-  return 1;
+  return gfit::detail::succeed();
 }

@@ -6,6 +6,12 @@
 //   gfLeastSquareCircle3   (cx, cy, cz, nx, ny, nz, r)        distance sqrt((G - r)^2 + F^2),
 //                          with F the height of Q above the circle's plane and G its distance
 //                          from the axis through C along n; never negative, by design.
+//
+// When the points determine a circle (leastsquares/refusal.h): at least 3 points, not
+// collinear (in the plane; in space for the circle with its own plane); at the solution a
+// Jacobian of full rank (for the circle in space, its height and radial parts as two rows per
+// point, since the unsigned distance has no derivative on the circle) and a radius within
+// 1e6 times the points' extent. Otherwise the entries refuse (gfReason::not_determined).
 #pragma once
 
 #include "gfit/gfit_export.h"

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cmath>
 
+#include "gfit/leastsquares/refusal.h"
+
 namespace {
 constexpr double kPi = 3.141592653589793;
 
@@ -320,5 +322,19 @@ bool gfit::detail::cone_outputs(mlVector const& p, giPoint3 const& origin, doubl
   axis = u;
   half_angle = p[7];
   residual = std::sqrt(value);
+  return true;
+}
+
+bool gfit::detail::cone_determined(gfLeastSquareDistance3& problem, mlVector const& p, double value, double extent) {
+  if (!std::isfinite(value)) return refuse(gfReason::no_convergence) != 0;
+  const double s = std::sin(p[7]);
+  const giUnitVec3 u(p[3], p[4], p[5]);
+  if (!(s >= 1e-12) || u.invalid())
+    return refuse(gfReason::not_determined, "the points do not determine the cone: its apex runs to infinity") != 0;
+  // The apex and the centroid both in the problem's frame.
+  const giPoint3 apex = giPoint3(p[0], p[1], p[2]) + u * (p[6] / s);
+  if (!apex.finite() || !within_size_bound(apex.distance(centroid_in_frame(problem)), extent))
+    return refuse(gfReason::not_determined, "the points do not determine the cone: its apex runs to infinity") != 0;
+  if (!determined(axial_determination(problem, p))) return refuse(gfReason::not_determined) != 0;
   return true;
 }

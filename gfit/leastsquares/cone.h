@@ -41,9 +41,16 @@
 // most 30 iterations. A cone takes a few hundred to a thousand per point; on points that
 // hold no cone at a finite distance (a plane) the strict solver would crawl towards the
 // apex at infinity, and the budget ends the search with the best cone found (about twice
-// the time of a real cone of the same size, against 60 times before). A host's cancel flag (gfSetCancelFlag)
-// is polled between starts and by the solver between iterations; a cancelled fit returns
-// 0 with gfReason::cancelled.
+// the time of a real cone of the same size, against 60 times before). A host's cancel
+// flag (gfSetCancelFlag) is polled between starts and by the solver between iterations; a
+// cancelled fit returns 0 with gfReason::cancelled.
+//
+// When the points determine a cone (leastsquares/refusal.h): at least 6 points, not
+// coplanar; at the solution a Jacobian of full rank in the 6 independent parameters (judged
+// with the axis point at the foot of the centroid) and an apex within 1e6 times the points'
+// extent of their centroid. The test is applied to the cone the entry returns, after the
+// refinement on all the points, in the frame the solver used. Otherwise the computations
+// refuse (gfReason::not_determined), leaving every output untouched.
 #pragma once
 
 #include <cfloat>
@@ -106,7 +113,7 @@ class GFIT_EXPORT gfLeastSquareCone : public gfLeastSquareDistance3 {
   // lie from the coordinate origin (see gfLeastSquareCylinder). The distances are those of
   // the same cone in world coordinates.
   gfLeastSquareCone(giPoint3coDynArr const& points, giPoint3 const& origin);
-  giPoint3 frame_origin() const { return giPoint3(origin_[0], origin_[1], origin_[2]); }
+  giPoint3 frame_origin() const override { return giPoint3(origin_[0], origin_[1], origin_[2]); }
 
   // Stores the parameters (grown to 8 when shorter) and caches sin and cos of the half-angle.
   void set_parameters(mlVector const& p) override;
@@ -282,9 +289,10 @@ class GFIT_EXPORT gfConeGuessGenerator {
 // `angle` bounds the axis, and random directions are drawn only within it; `normals`
 // (empty: none, else one per point) must agree with the cone's normals within `angle`,
 // unless that costs more than a thousandth of the range in RMS. Returns 1 with a result;
-// 0 for fewer than 6 points, coincident points, non-finite input, normals of another count
-// than the points, or no cone (including one whose apex runs to infinity, sin(theta) <
-// 1e-12), leaving the outputs untouched.
+// 0 for fewer than 6 points, points that do not determine a cone (above), non-finite
+// input, normals of another count than the points, no cone (including one whose apex runs
+// to infinity, sin(theta) < 1e-12) or a cancelled search, leaving the outputs untouched;
+// the reason is recorded (platform/report.h).
 GFIT_EXPORT int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, giUnitVec3& axis,
                                            double& half_angle, double& residual, giUnitVec3 const& guess,
                                            giAngle const& angle, giUnitVec3coDynArr const& normals, int k);
@@ -309,4 +317,9 @@ GFIT_EXPORT bool cone_outputs(mlVector const& p, double value, giPoint3& apex, g
 // The same for parameters whose axis point is measured from `origin`.
 GFIT_EXPORT bool cone_outputs(mlVector const& p, giPoint3 const& origin, double value, giPoint3& apex,
                               giUnitVec3& axis, double& half_angle, double& residual);
+// Whether cone parameters of `problem` (in its frame: the axis point measured from its
+// frame origin) with mean squared distance `value` are a result the points determine (see
+// leastsquares/refusal.h): a finite value, an apex within 1e6 `extent` of the points'
+// centroid, a Jacobian of full rank. Records the reason when they are not.
+GFIT_EXPORT bool cone_determined(gfLeastSquareDistance3& problem, mlVector const& p, double value, double extent);
 }  // namespace gfit::detail

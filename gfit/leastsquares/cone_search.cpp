@@ -10,6 +10,7 @@
 #include "gfit/leastsquares/cone.h"
 #include "gfit/leastsquares/cylinder.h"
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
@@ -526,9 +527,15 @@ constexpr double kRefineWork = 30.0;
 int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, giUnitVec3& axis, double& half_angle,
                                double& residual, giUnitVec3 const& guess, giAngle const& angle,
                                giUnitVec3coDynArr const& normals, int k) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (n < 6 || !gfit::detail::valid_axis_search_input(points, guess, angle, normals)) return 0;
-  if (!(gfLeastSquareCone(points).range() > 0.0)) return 0;  // all points coincide
+  gfit::detail::PointSpread spread;
+  if (n < 6) return refuse(gfReason::too_few_points);
+  if (!gfit::detail::check_normals(normals, n, true) ||
+      !gfit::detail::check_points(points, 6, gfit::detail::Span::space, &spread))
+    return 0;
+  if (!gfit::detail::valid_axis_search_input(points, guess, angle, normals))
+    return refuse(gfReason::non_finite_input, "the guess axis or the angle is not finite");
   const double tolerance = gfLeastSquareConeNonPhysicalTolerance();
 
   if (k != 0 && (k < 0 || k + 6 <= n)) {
@@ -544,10 +551,12 @@ int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, g
                         axis.z(), 0.0, half_angle},
           result(8);
       double value = 0.0;
-      if (gfit::detail::refine_grown_fit(problem, lm, problem.range(), previous, k, result, value) &&
-          gfit::detail::cone_outputs(result, origin, value, apex, axis, half_angle, residual))
-        return gfit::detail::succeed();
-      if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
+      if (gfit::detail::refine_grown_fit(problem, lm, problem.range(), previous, k, result, value)) {
+        if (!gfit::detail::cone_determined(problem, result, value, spread.extent)) return 0;
+        if (gfit::detail::cone_outputs(result, origin, value, apex, axis, half_angle, residual))
+          return gfit::detail::succeed();
+      }
+      if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
     }
   }
 
@@ -564,35 +573,45 @@ int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, g
 
   mlVector best(8);
   double mean_square = 0.0;
-  if (!search.best(best, mean_square)) return gfit::detail::refuse(gfReason::no_convergence, "no cone found");
+  if (!search.best(best, mean_square)) return refuse(gfReason::no_convergence, "no cone found");
+  // The chosen cone on all the points, in the search's frame: refined there when the search
+  // worked on a subset, then judged there.
+  gfLeastSquareCone problem(points, origin);
   if (!subset.all()) {
-    gfLeastSquareCone problem(points, origin);
     mlLevenbergMarquardt lm(problem);
     configure(lm);
     gfit::detail::SearchBudget refinement(kRefineWork * n);
     mlVector result(8);
     const double value = refinement.fit(lm, n, 10000, best, result);
-    if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
-    if (!std::isfinite(value)) return gfit::detail::refuse(gfReason::no_convergence, "no cone found");
+    if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
+    if (!std::isfinite(value)) return refuse(gfReason::no_convergence, "no cone found");
     best = result;
     mean_square = value;
   }
+  if (!gfit::detail::cone_determined(problem, best, mean_square, spread.extent)) return 0;
   if (!gfit::detail::cone_outputs(best, origin, mean_square, apex, axis, half_angle, residual))
-    return gfit::detail::refuse(gfReason::no_convergence, "the cone's apex runs to infinity");
+    return refuse(gfReason::not_determined, "the points do not determine the cone: its apex runs to infinity");
   return gfit::detail::succeed();
 }
 
 int gfCalculateMultipleLeastSquareCones(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                         double tolerance, giAngle const& angle, int count,
                                         gfFittedConecoDynArr& results) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (n < 6 || !gfit::detail::all_finite(points) || !gfit::detail::all_valid(normals)) return 0;
+  gfit::detail::PointSpread spread;
+  if (n < 6) return refuse(gfReason::too_few_points);
+  if (!gfit::detail::check_points(points, 6, gfit::detail::Span::space, &spread)) return 0;
+  // The normals only steer the random directions: any number of them, each set and finite.
+  if (!gfit::detail::all_valid(normals)) return refuse(gfReason::non_finite_input, "a normal is unset or not finite");
   // Each attempt starts and refines on the subset; a cone within the tolerance there is
-  // refined on all the points and kept if it is within the tolerance there too.
+  // refined on all the points and kept if it is within the tolerance there too and the
+  // points determine it.
   const giUnitVec3coDynArr no_normals;
   gfit::detail::SearchSubset subset(points, no_normals, kSearchPoints);
   giPoint3coDynArr const& some = subset.points();
   gfFittedConecoDynArr found = results;  // the caller's list is left alone if cancelled
+  const int found_before = found.count();
   const giAngle cone = giAngle::from_degrees(30.0), second_cone = giAngle::from_degrees(30.0);
   gfRandDirGenMulti directions(1000.0, normals, cone, 0.9);
   gfConeGuessGenerator generator(some, no_normals);
@@ -625,12 +644,17 @@ int gfCalculateMultipleLeastSquareCones(giPoint3coDynArr const& points, giUnitVe
     giPoint3 apex;
     giUnitVec3 axis;
     double theta = 0.0, deviation = 0.0;
-    if (gfit::detail::cone_outputs(result, origin, rms * rms, apex, axis, theta, deviation))
+    // Only cones that all the points determine (see leastsquares/refusal.h), judged in the
+    // frame of the solver's parameters.
+    if (gfit::detail::cone_determined(all, result, rms * rms, spread.extent) &&
+        gfit::detail::cone_outputs(result, origin, rms * rms, apex, axis, theta, deviation))
       gfLeastSquareCone::add_distinct_result(gfFittedCone(apex, axis, giAngle(theta), deviation), tolerance, angle,
                                              found);
   }
-  if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
+  if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
   results = found;
+  if (results.count() == found_before) refuse(gfReason::no_convergence, "no cone within the tolerance");
+  else gfit::detail::succeed();
   return results.count();
 }
 
@@ -640,18 +664,13 @@ int gfLeastSquareEvaluator::evaluate_cone(giPoint3coDynArr const& points, giPoin
                                           double& half_angle, double& residual, giUnitVec3 const& guess,
                                           giAngle const& angle, int k) {
   const giUnitVec3coDynArr no_normals;
-  const int status = gfCalculateLeastSquareCone(points, apex, axis, half_angle, residual, guess, angle, no_normals, k);
-  if (status == 0) axis.set_invalid();
-  return status;
+  return gfCalculateLeastSquareCone(points, apex, axis, half_angle, residual, guess, angle, no_normals, k);
 }
 
 int gfLeastSquareEvaluator::evaluate_cone(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                           giAngle const& angle, giPoint3& apex, giUnitVec3& axis, double& half_angle,
                                           double& residual, int k) {
-  const int status =
-      gfCalculateLeastSquareCone(points, apex, axis, half_angle, residual, giUnitVec3(), angle, normals, k);
-  if (status == 0) axis.set_invalid();
-  return status;
+  return gfCalculateLeastSquareCone(points, apex, axis, half_angle, residual, giUnitVec3(), angle, normals, k);
 }
 
 int gfLeastSquareEvaluator::evaluate_multiple_cones(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,

@@ -442,28 +442,28 @@ TEST(ConeEdges, NoConeInThePointsCostsFewTimesARealCone) {
   const double with_cone = seconds(cone), without = seconds(plane);
   gfSetMaxThreads(previous);
   EXPECT_LT(without, 3 * with_cone) << with_cone << " s with a cone, " << without << " s without";
-  // And a host's flag stops the search at once.
+  // And a host's flag stops the search at once: refused, the outputs left as they were.
   CancelFlag cancel;
   cancel.flag = true;
   Cone c;
   c.axis = giUnitVec3(0, 0, 1);
-  expect_refused(fit(plane, c), c.axis);
-  EXPECT_EQ(gfLastReason(), gfReason::cancelled);
+  expect_refused_untouched(fit(plane, c), c.axis, gfReason::cancelled);
 }
 
 // ---- refusals and reproducibility -------------------------------------------------------
 
-TEST(ConeEdges, RefusalsMarkTheAxis) {
+TEST(ConeEdges, RefusalsLeaveTheOutputsUntouched) {
   Rng rng(78);
   giPoint3coDynArr pts = sample_cone(rng, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), 0.5, 1, 4, 0, 6, 20, 0.0);
   Cone c;
   c.axis = giUnitVec3(0, 0, 1);
   giPoint3coDynArr five{pts[0], pts[1], pts[2], pts[3], pts[4]}, bad = pts;
-  expect_refused(fit(five, c), c.axis);  // a cone needs 6 points
+  expect_refused_untouched(fit(five, c), c.axis, gfReason::too_few_points);  // a cone needs 6 points
   bad[4] = giPoint3(NAN, 0, 0);
-  expect_refused(fit(bad, c), c.axis);
-  expect_refused(fit(constant(8, giPoint3(1, 2, 3)), c), c.axis);                // coincident points
-  expect_refused(fit(pts, giUnitVec3coDynArr{giUnitVec3(1, 0, 0)}, c), c.axis);  // too few normals
+  expect_refused_untouched(fit(bad, c), c.axis, gfReason::non_finite_input);
+  expect_refused_untouched(fit(constant(8, giPoint3(1, 2, 3)), c), c.axis, gfReason::not_determined);
+  expect_refused_untouched(fit(pts, giUnitVec3coDynArr{giUnitVec3(1, 0, 0)}, c), c.axis,
+                           gfReason::bad_companion_array);
 }
 
 TEST(ConeEdges, BitIdenticalForAnyThreadCountAndRun) {

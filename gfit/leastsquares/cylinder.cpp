@@ -7,6 +7,7 @@
 #include "gfit/leastsquares/axis_candidates.h"
 #include "gfit/leastsquares/axis_search.h"
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
 #include "gfit/platform/random.h"
@@ -266,9 +267,10 @@ int gfCylinder_InitialSolution(giPoint3coDynArr const& points, giVector3& direct
 
 // ---- the full computation ---------------------------------------------------------------
 //
-// The search follows the stated steps (phase A's deterministic axes, phase B's passes of
-// seed-1 random batches) on at most kSearchPoints points spread evenly through the array,
-// in a frame centred on them, and refines its winner on all the points. See the header.
+// The search runs phase A's deterministic axes and phase B's passes of seed-1 random
+// batches on at most kSearchPoints points spread evenly through the array, in a frame
+// centred on them, refines its winner on all the points and judges whether the points
+// determine it there. See the header.
 
 namespace {
 
@@ -276,7 +278,7 @@ using gfit::detail::SearchBudget;
 
 constexpr int kSearchPoints = 2000;
 // Work bound of the search, in point evaluations per point of the subset. Phase A and the
-// eight passes of phase B cost about 1e5 per point at the most, so the stated steps always
+// eight passes of phase B cost about 1e5 per point at the most, so those steps always
 // run to their end; the bound only guarantees that nothing can run away.
 constexpr double kSearchWork = 2e5;
 // Candidates are ranked by the algebraic circle of their projected points, and those within
@@ -308,6 +310,19 @@ mlVector to_world(mlVector const& p, giPoint3 const& origin) {
   w[1] += origin.y();
   w[2] += origin.z();
   return w;
+}
+
+// The test of a solution (see leastsquares/refusal.h): a finite value, a positive radius
+// within the size bound, and a Jacobian of full rank. `p` is in the frame of `problem` (the
+// axis point measured from its frame origin). Records the reason when it fails.
+bool determined_cylinder(gfLeastSquareDistance3& problem, mlVector const& p, double value, double extent) {
+  using gfit::detail::refuse;
+  if (!std::isfinite(value)) return refuse(gfReason::no_convergence) != 0;
+  if (!(p[6] > 0.0)) return refuse(gfReason::failed, "the cylinder's radius is not positive") != 0;
+  if (!gfit::detail::within_size_bound(p[6], extent) ||
+      !gfit::detail::determined(gfit::detail::axial_determination(problem, p)))
+    return refuse(gfReason::not_determined) != 0;
+  return true;
 }
 
 // The outputs of parameters measured from `origin` (normalised there: the axis point is the
@@ -475,8 +490,15 @@ bool same(mlVector const& a, mlVector const& b) {
 int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction,
                                    double& radius, double& residual, giUnitVec3 const& guess, giAngle const& angle,
                                    giUnitVec3coDynArr const& normals, int k) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (n < 5 || !gfit::detail::valid_axis_search_input(points, guess, angle, normals)) return 0;
+  gfit::detail::PointSpread spread;
+  if (n < 5) return refuse(gfReason::too_few_points);
+  if (!gfit::detail::check_normals(normals, n, true) ||
+      !gfit::detail::check_points(points, 5, gfit::detail::Span::space, &spread))
+    return 0;
+  if (!gfit::detail::valid_axis_search_input(points, guess, angle, normals))
+    return refuse(gfReason::non_finite_input, "the guess axis or the angle is not finite");
 
   if (k != 0 && (k < 0 || k + 5 <= n)) {
     const bool previous_usable = point.finite() && !direction.invalid() && std::isfinite(radius);
@@ -489,6 +511,7 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
       mlVector result(7);
       double value = 0.0;
       if (gfit::detail::refine_grown_fit(problem, lm, problem.range(), previous, k, result, value)) {
+        if (!determined_cylinder(problem, result, value, spread.extent)) return 0;
         write_outputs(result, value, origin, point, direction, radius, residual);
         return gfit::detail::succeed();
       }
@@ -533,6 +556,8 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
   // Agreement with the normals is given up when it costs more than a thousandth of the
   // range in RMS.
   if (problem.range() * 0.001 < std::sqrt(best_ok.value) - std::sqrt(best_any.value)) best_ok = best_any;
+  // Judged on all the points (after the refinement on them), in the search's frame.
+  if (!determined_cylinder(problem, best_ok.parameters, best_ok.value, spread.extent)) return 0;
   write_outputs(best_ok.parameters, best_ok.value, origin, point, direction, radius, residual);
   return gfit::detail::succeed();
 }
@@ -540,13 +565,20 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
 int gfCalculateMultipleLeastSquareCylinders(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                             double tolerance, giAngle const& angle, int count,
                                             gfFittedCylindercoDynArr& results) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (n < 5 || !gfit::detail::all_finite(points) || !gfit::detail::all_valid(normals)) return 0;
+  gfit::detail::PointSpread spread;
+  if (n < 5) return refuse(gfReason::too_few_points);
+  if (!gfit::detail::check_points(points, 5, gfit::detail::Span::space, &spread)) return 0;
+  // The normals only steer the random directions: any number of them, each set and finite.
+  if (!gfit::detail::all_valid(normals)) return refuse(gfReason::non_finite_input, "a normal is unset or not finite");
   // Each attempt ranks and refines on the subset; a cylinder within the tolerance there is
-  // refined on all the points and kept if it is within the tolerance there too.
+  // refined on all the points and kept if it is within the tolerance there too and the
+  // points determine it.
   const giUnitVec3coDynArr no_normals;
   gfit::detail::SearchSubset subset(points, no_normals, kSearchPoints);
   gfFittedCylindercoDynArr found = results;  // the caller's list is left alone if cancelled
+  const int found_before = found.count();
   giPoint3coDynArr const& some = subset.points();
   const giPoint3 origin = gfit::detail::mean_of(some.data(), some.count());
   const giAngle cone = giAngle::from_degrees(30.0), second_cone = giAngle::from_degrees(30.0);
@@ -581,6 +613,11 @@ int gfCalculateMultipleLeastSquareCylinders(giPoint3coDynArr const& points, giUn
       if (!(rms < tolerance)) continue;
       result = refined;
     }
+    // Only cylinders that all the points determine (see leastsquares/refusal.h), judged in
+    // the frame of the solver's parameters.
+    if (!(result[6] > 0.0 && gfit::detail::within_size_bound(result[6], spread.extent) &&
+          gfit::detail::determined(gfit::detail::axial_determination(all, result))))
+      continue;
     giPoint3 axis_point;
     giUnitVec3 axis;
     double radius = 0.0, deviation = 0.0;
@@ -588,8 +625,10 @@ int gfCalculateMultipleLeastSquareCylinders(giPoint3coDynArr const& points, giUn
     gfLeastSquareCylinder::add_distinct_result(gfFittedCylinder(axis_point, axis, radius, rms), tolerance, angle,
                                                found);
   }
-  if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
+  if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
   results = found;
+  if (results.count() == found_before) refuse(gfReason::no_convergence, "no cylinder within the tolerance");
+  else gfit::detail::succeed();
   return results.count();
 }
 
@@ -598,7 +637,7 @@ int gfCalculateMultipleLeastSquareCylinders(giPoint3coDynArr const& points, giUn
 int gfLeastSquareEvaluator::evaluate_cylinder(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction,
                                               double& radius, double& residual, giUnitVec3 const& guess,
                                               giAngle const& angle, int k) {
-  if (points.count() < 4) return 0;
+  if (points.count() < 4) return gfit::detail::refuse(gfReason::too_few_points);
   giUnitVec3coDynArr no_normals;
   int status = gfCalculateLeastSquareCylinder(points, point, direction, radius, residual, guess, angle, no_normals, k);
   if (status == 0) direction.set_invalid();
@@ -608,7 +647,7 @@ int gfLeastSquareEvaluator::evaluate_cylinder(giPoint3coDynArr const& points, gi
 int gfLeastSquareEvaluator::evaluate_cylinder(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                               giAngle const& angle, giPoint3& point, giUnitVec3& direction,
                                               double& radius, double& residual, int k) {
-  if (points.count() < 4) return 0;
+  if (points.count() < 4) return gfit::detail::refuse(gfReason::too_few_points);
   int status =
       gfCalculateLeastSquareCylinder(points, point, direction, radius, residual, giUnitVec3(), angle, normals, k);
   if (status == 0) direction.set_invalid();

@@ -36,13 +36,20 @@
 //    each winner is refined by the cylinder's own fit, and on 24 such patches (15 to 90
 //    degrees) the search ends at the same cylinder as with every circle converged, to 1e-11
 //    in the radius. The tests keep both checks.
-//  - Bounded and cancellable. The work is bounded (the stated passes cost about 1e5 point
+//  - Bounded and cancellable. The work is bounded (the passes above cost about 1e5 point
 //    evaluations per point of the subset; the budget is twice that; each refinement runs at
 //    most the solver's iteration limit). A host's cancel flag (gfSetCancelFlag) is polled
 //    between candidates and by the solver between iterations; a cancelled fit returns 0
 //    with gfReason::cancelled.
 // The candidates of a batch may be evaluated on several threads (see gfSetMaxThreads in
 // platform/parallel.h); the result is bit-identical for every thread count.
+//
+// When the points determine a cylinder (leastsquares/refusal.h): at least 5 points, not
+// coplanar; at the solution a Jacobian of full rank in the 5 independent parameters (judged
+// with the axis point at the foot of the centroid) and a positive radius within 1e6 times the
+// points' extent. The test is applied to the cylinder the entry returns, after the
+// refinement on all the points, in the frame the solver used (and to every cylinder the
+// multiple search keeps). Otherwise the computations refuse (gfReason::not_determined).
 #pragma once
 
 #include <cfloat>
@@ -92,7 +99,7 @@ class GFIT_EXPORT gfLeastSquareCylinder : public gfLeastSquareDistance3 {
   // be told apart, and the fit loses most of its digits.) The distances are those of the
   // same cylinder in world coordinates.
   gfLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3 const& origin);
-  giPoint3 frame_origin() const { return giPoint3(origin_[0], origin_[1], origin_[2]); }
+  giPoint3 frame_origin() const override { return giPoint3(origin_[0], origin_[1], origin_[2]); }
 
   // The direction made unit (a zero one becomes (1, 0, 0)); the axis point moved along the
   // axis to the foot of the perpendicular from the origin; the radius kept, sign included.

@@ -54,6 +54,7 @@
 #include <cmath>
 
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/matrix.h"
 #include "gfit/platform/qr_accumulator.h"
@@ -62,6 +63,21 @@
 namespace {
 
 using Status = gfDirectFitStatus;
+using gfit::detail::refuse;
+
+constexpr char const* kCollinear = "the points do not determine the element: they lie on a line";
+constexpr char const* kTooLarge = "the points do not determine the element: its size is beyond any measured feature";
+
+// Records the outcome of a direct fit for this thread: success, or (unless a more precise
+// reason was recorded where the fit failed) the reason its status stands for.
+void record(Status status) {
+  if (status == Status::fitted) {
+    gfit::detail::succeed();
+    return;
+  }
+  if (gfLastReason() != gfReason::none) return;
+  refuse(status == Status::too_few_points ? gfReason::too_few_points : gfReason::not_determined);
+}
 
 template <class Array>
 bool all_finite(Array const& points) {
@@ -127,17 +143,39 @@ Status algebraic_circle(giPoint2coDynArr const& p, giPoint2& centre, double& rad
 }
 
 // The direct circle of 2-D points; the status says which results were written.
+// Coincident or collinear points (and, from three points on, collinear ones) determine no
+// circle: singular for three points, as their chords' system is, degenerate otherwise, as the
+// algebraic circle's leading coefficient is; so is a circle beyond 1e6 times the points'
+// extent (see leastsquares/refusal.h).
 Status direct_circle(giPoint2coDynArr const& p, double tolerance, giPoint2& centre, double& radius) {
   const int n = p.count();
   if (n < 2) return Status::too_few_points;
-  if (!all_finite(p)) return Status::degenerate;
-  if (n == 2) {
-    centre = giPoint2(0.5 * (p[0].x() + p[1].x()), 0.5 * (p[0].y() + p[1].y()));
-    radius = 0.5 * p[0].distance(p[1]);
-    return Status::fitted;
+  if (!all_finite(p)) {
+    refuse(gfReason::non_finite_input, "a coordinate is not finite");
+    return Status::degenerate;
   }
-  if (n == 3) return circle_through_three(p, tolerance, centre, radius);
-  return algebraic_circle(p, centre, radius);
+  const gfit::detail::PointSpread spread = gfit::detail::point_spread(p);
+  if (!spread.spans(n == 2 ? gfit::detail::Span::line : gfit::detail::Span::plane)) {
+    refuse(gfReason::not_determined, n == 2 ? "the points do not determine the element: they coincide" : kCollinear);
+    return n == 3 ? Status::singular : Status::degenerate;
+  }
+  giPoint2 c;
+  double r = 0.0;
+  Status status = Status::fitted;
+  if (n == 2) {
+    c = giPoint2(0.5 * (p[0].x() + p[1].x()), 0.5 * (p[0].y() + p[1].y()));
+    r = 0.5 * p[0].distance(p[1]);
+  } else {
+    status = n == 3 ? circle_through_three(p, tolerance, c, r) : algebraic_circle(p, c, r);
+  }
+  if (status != Status::fitted) return status;
+  if (!(c.finite() && std::isfinite(r)) || !gfit::detail::within_size_bound(r, spread.extent)) {
+    refuse(gfReason::not_determined, kTooLarge);
+    return Status::degenerate;
+  }
+  centre = c;
+  radius = r;
+  return Status::fitted;
 }
 
 // Squared distance from (u, v) to the point of the ellipse u^2/a^2 + v^2/b^2 = 1 on the ray
@@ -197,13 +235,17 @@ gfDirectFitStatus gfit::detail::circle_from_design_svd(mlSingularValueDecomposit
 
 gfDirectFit::gfDirectFit(giPoint2coDynArr const& points)
     : points2d_(utCopy{}, points), status_(Status::not_fitted), tolerance_(1e-6) {
-  if (points.count() < 2)
+  gfit::detail::succeed();  // a fresh record: the fit's own reasons only
+  if (points.count() < 2) {
     status_ = Status::too_few_points;
-  else if (!all_finite(points))
+  } else if (!all_finite(points)) {
+    refuse(gfReason::non_finite_input, "a coordinate is not finite");
     status_ = Status::degenerate;
+  }
 }
 
 gfDirectFit::gfDirectFit(giPoint3coDynArr const& points) : status_(Status::not_fitted), tolerance_(1e-6) {
+  gfit::detail::succeed();  // a fresh record: the fit's own reasons only
   if (points.count() < 2)
     status_ = Status::too_few_points;
   else
@@ -217,14 +259,21 @@ void gfDirectFit::find_embedding_plane(giPoint3coDynArr const& points) {
     return;
   }
   bool made = false;
-  if (all_finite(points)) {
+  if (!all_finite(points)) {
+    refuse(gfReason::non_finite_input, "a coordinate is not finite");
+  } else {
     if (n == 2) {
       giVector3 u = points[0] - points[1];
       if (u.squared_length() > tolerance_ * tolerance_) {
         giPoint3 mid = points[1] + 0.5 * u;
         plane_ = giWorkplane3(mid, u.unit().any_normal(), u);
         made = true;
+      } else {
+        refuse(gfReason::not_determined, "the points do not determine the element: they coincide");
       }
+    } else if (!gfit::detail::point_spread(points, gfit::detail::Span::plane).spans(gfit::detail::Span::plane)) {
+      // Coincident or collinear points lie in no one plane.
+      refuse(gfReason::not_determined, "the points do not determine the element: they lie on a line");
     } else {
       giPoint3 origin;
       giUnitVec3 normal;
@@ -250,6 +299,7 @@ void gfDirectFit::find_embedding_plane(giPoint3coDynArr const& points) {
 
 gfDirectCircle2::gfDirectCircle2(giPoint2coDynArr const& points) : gfDirectFit(points) {
   if (status_ == Status::not_fitted) fit();
+  record(status_);
 }
 
 void gfDirectCircle2::fit() {
@@ -259,7 +309,7 @@ void gfDirectCircle2::fit() {
     status_ = direct_circle(points2d_, tolerance_, centre_, radius_);
 }
 
-void gfDirectCircle2::three_points_fit() { status_ = circle_through_three(points2d_, tolerance_, centre_, radius_); }
+void gfDirectCircle2::three_points_fit() { status_ = direct_circle(points2d_, tolerance_, centre_, radius_); }
 
 double gfDirectCircle2::chi() const {
   if (status_ != Status::fitted) return DBL_MAX;
@@ -273,6 +323,7 @@ double gfDirectCircle2::chi() const {
 
 gfDirectCircle3::gfDirectCircle3(giPoint3coDynArr const& points) : gfDirectFit(points), points3d_(points) {
   if (status_ == Status::not_fitted) fit();
+  record(status_);
 }
 
 void gfDirectCircle3::fit() {
@@ -303,8 +354,12 @@ double gfDirectCircle3::chi() const {
 gfDirectEllipse2::gfDirectEllipse2(giPoint2coDynArr const& points) : gfDirectFit(points) {
   const int n = points2d_.count();
   if (status_ == Status::not_fitted && n >= 4) fit();
-  if (n >= 4 && status_ != Status::singular && status_ != Status::degenerate) return;
-  // Fewer than 4 points, or no ellipse: the circle of the same points.
+  if (n >= 4 && status_ != Status::singular && status_ != Status::degenerate) {
+    record(status_);
+    return;
+  }
+  // Fewer than 4 points, or no ellipse: the circle of the same points (which records its
+  // own outcome).
   gfDirectCircle2 circle(points2d_);
   status_ = circle.status();
   if (status_ != Status::fitted) return;
@@ -323,6 +378,13 @@ void gfDirectEllipse2::fit() {
   const double min_eigenvalue = tolerance_;
   const int n = points2d_.count();
   const double w = 1.0 / n;
+  // Collinear points determine no ellipse; an ellipse beyond 1e6 times their extent is a
+  // line in disguise (see leastsquares/refusal.h).
+  const gfit::detail::PointSpread spread = gfit::detail::point_spread(points2d_);
+  if (!spread.spans(gfit::detail::Span::plane)) {
+    status_ = Status::degenerate;
+    return;
+  }
 
   // Upper triangle of the scatter matrix of z = (x^2, xy, y^2, x, y, 1) / n.
   double scatter[6][6] = {};
@@ -380,7 +442,8 @@ void gfDirectEllipse2::fit() {
     for (int i = 0; i < 4; ++i) q.data()[i] /= scale;
     mlSymEigenVecs q_eig(q);
     const double lambda0 = descending_value(q_eig, 0), lambda1 = descending_value(q_eig, 1);
-    if (!(lambda0 >= min_eigenvalue && lambda1 >= min_eigenvalue)) {  // NaN too
+    if (!(lambda0 >= min_eigenvalue && lambda1 >= min_eigenvalue) ||  // NaN too
+        !gfit::detail::within_size_bound(std::sqrt(1.0 / lambda1), spread.extent)) {
       status_ = Status::degenerate;
       continue;
     }
@@ -409,6 +472,7 @@ double gfDirectEllipse2::chi() const {
 
 gfDirectEllipse3::gfDirectEllipse3(giPoint3coDynArr const& points) : gfDirectFit(points), points3d_(points) {
   if (status_ == Status::not_fitted) fit();
+  record(status_);
 }
 
 void gfDirectEllipse3::fit() {
@@ -425,10 +489,13 @@ void gfDirectEllipse3::fit() {
 
 double gfDirectEllipse3::chi() const {
   if (status_ != Status::fitted) return DBL_MAX;
+  // The workplane's x axis runs along b_axis, so a point's coordinate along the major axis
+  // is its y: the distance is that of (y, x) from the ellipse (a along the first, b along
+  // the second), the real residual of the fitted ellipse.
   double sum = 0.0;
   for (giPoint3 const& p : points3d_) {
     giPoint3 q = plane_.to_work(p);
-    sum += q.z() * q.z() + ray_distance_squared(q.x(), q.y(), a_length_, b_length_, tolerance_);
+    sum += q.z() * q.z() + ray_distance_squared(q.y(), q.x(), a_length_, b_length_, tolerance_);
   }
   return std::sqrt(sum / points3d_.count());
 }

@@ -26,7 +26,12 @@
 //
 // All work happens in the constructor; afterwards the object is a read-only result whose
 // accessors mean something only when `status()` is `fitted`. Bad data are a status, never
-// an exception.
+// an exception, and the reason is recorded for the thread (gfLastReason).
+//
+// When the points determine the element (leastsquares/refusal.h): in the plane, two distinct
+// points or (from three on) points that are not collinear, else `singular` for three points
+// and `degenerate` for more; in space, points that span a plane, else `no_plane`; and a
+// radius (semi-axis) within 1e6 times the points' extent, else `degenerate`.
 #pragma once
 
 #include "gfit/gfit_export.h"
@@ -58,7 +63,8 @@ class GFIT_EXPORT gfDirectFit {
 
  protected:
   // Copies the points. Status too_few_points below 2 points, degenerate when a coordinate
-  // is not finite, otherwise not_fitted.
+  // is not finite, otherwise not_fitted. Both constructors clear this thread's recorded
+  // reason, so that only the fit's own reasons are left.
   explicit gfDirectFit(giPoint2coDynArr const& points);
   // Status too_few_points below 2 points, otherwise find_embedding_plane(points).
   explicit gfDirectFit(giPoint3coDynArr const& points);
@@ -70,7 +76,8 @@ class GFIT_EXPORT gfDirectFit {
   // `points2d_`. Two points: origin at their midpoint, x axis along p0 - p1, normal any
   // direction perpendicular to it; they must be more than the tolerance apart. More points:
   // the least-squares plane, x axis any direction in it. No plane (status no_plane) for two
-  // coincident points or a coordinate that is not finite.
+  // coincident points, more points that are coincident or collinear, or a coordinate that
+  // is not finite.
   void find_embedding_plane(giPoint3coDynArr const& points);
 
   giWorkplane3 plane_;          // the embedding plane (3-D fits only)
@@ -82,8 +89,8 @@ class GFIT_EXPORT gfDirectFit {
 // The direct circle in the plane. 2 points: the circle on their segment as diameter;
 // 3 points: the circle through them (singular when they are collinear, judged on the 2 x 2
 // normal matrix of the chords at relative tolerance 1e-8); 4 or more: the algebraic circle.
-// Collinear points (4 or more) are degenerate when the leading coefficient comes out exactly
-// zero; otherwise they give a huge circle.
+// Collinear points (4 or more) are degenerate, judged on the points themselves, so that
+// rounding never turns them into a huge circle; two coincident points are degenerate too.
 class GFIT_EXPORT gfDirectCircle2 : public gfDirectFit {
  public:
   explicit gfDirectCircle2(giPoint2coDynArr const& points);
@@ -156,9 +163,9 @@ class GFIT_EXPORT gfDirectEllipse2 : public gfDirectFit {
 
 // The direct ellipse of points in space: the 2-D ellipse (with its circle fall-back) in the
 // plane of the points, mapped back. The workplane has its origin at the centre and, unlike
-// the 2-D class, its x axis along `b_axis`; `chi` applies the 2-D formula in the workplane's
-// coordinates, so for a != b it measures against the ellipse with its axes exchanged (and
-// adds the heights above the plane).
+// the 2-D class, its x axis along `b_axis`. `chi` is the 2-D measure (along the ray from the
+// centre) of the fitted ellipse itself, with the heights above the plane added: a point's
+// coordinate along `a_axis` is its workplane y.
 class GFIT_EXPORT gfDirectEllipse3 : public gfDirectFit {
  public:
   explicit gfDirectEllipse3(giPoint3coDynArr const& points);

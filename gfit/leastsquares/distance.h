@@ -34,6 +34,10 @@ class GFIT_EXPORT gfLeastSquareDistance3 : public mlDistanceLeastSquares {
   giPoint3 centroid() const;
   double range() const;
   giPoint3coDynArr const& points() const { return points_; }
+  // The point the parameters measure positions from (an axis point, a centre): the
+  // coordinate origin, unless the element's problem was built with a frame origin (the
+  // searches put it at the points' centroid).
+  virtual giPoint3 frame_origin() const { return giPoint3(0.0, 0.0, 0.0); }
 
   // The axis directions that the searches over axes try first: the three coordinate axes,
   // then the four body diagonals of a cube with non-negative z, unit length.

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
 #include "gfit/platform/random.h"
@@ -190,13 +191,17 @@ void gfLeastSquareEllipse::parameter_scales(mlVector& s) const {
 
 int gfCalculateLeastSquareEllipse(giPoint2coDynArr const& points, giPoint2& centre, double& major, double& minor,
                                   double& angle, double& residual) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (n < 4 || !gfit::detail::all_finite(points)) return 0;
+  gfit::detail::PointSpread spread;
+  // Five parameters, so five points at least: through four there runs a family of ellipses.
+  if (!gfit::detail::check_points(points, 5, gfit::detail::Span::plane, &spread)) return 0;
   gfLeastSquareEllipse problem(points);
   const giPoint2 c = problem.centroid();
   const double s = problem.range();
   mlRandom random(1);
   double best = DBL_MAX;
+  bool is_determined = false;
   mlVector kept(5), start(5), result(5);
 
   // The 100 random candidates of a pass are scored on the allowed threads, each worker with
@@ -244,10 +249,15 @@ int gfCalculateLeastSquareEllipse(giPoint2coDynArr const& points, giPoint2& cent
     if (value < best) {
       best = value;
       kept = result;
+      // The angle of a circle means nothing: when it alone is free, the curve is determined.
+      is_determined = gfit::detail::determined(gfit::detail::determination(lm, problem)) ||
+                      gfit::detail::determined(gfit::detail::determination(lm, problem, 4, 4));
     }
   }
-  if (best == DBL_MAX) return 0;  // every fit ended without a finite sum
+  if (best == DBL_MAX) return refuse(gfReason::no_convergence);  // every fit ended without a finite sum
   double a = std::fabs(kept[0]), b = std::fabs(kept[1]), theta = kept[4];
+  if (!gfit::detail::within_size_bound(std::fmax(a, b), spread.extent)) return refuse(gfReason::not_determined);
+  if (!is_determined) return refuse(gfReason::not_determined);
   if (a > b) {
     major = a;
     minor = b;
@@ -259,7 +269,7 @@ int gfCalculateLeastSquareEllipse(giPoint2coDynArr const& points, giPoint2& cent
   angle = utMath::remd(theta, kPi);
   centre = giPoint2(kept[2], kept[3]);
   residual = std::sqrt(best);
-  return 1;
+  return gfit::detail::succeed();
 }
 
 // ---- evaluator entries ------------------------------------------------------------------
@@ -273,8 +283,12 @@ int gfLeastSquareEvaluator::evaluate_ellipse2(giPoint3 const& origin, giUnitVec3
                                               giUnitVec3 const& direction, giPoint3coDynArr const& points,
                                               giPoint3& centre, double& major, double& minor, double& angle,
                                               double& residual) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (n < 3 || normal.invalid() || !origin.finite() || !gfit::detail::all_finite(points)) return 0;
+  if (n < 5) return refuse(gfReason::too_few_points);
+  if (normal.invalid()) return refuse(gfReason::invalid_argument, "the plane's normal is unset");
+  if (!origin.finite()) return refuse(gfReason::non_finite_input, "the plane's origin is not finite");
+  if (!gfit::detail::check_points(points, 5, gfit::detail::Span::points)) return 0;
   giPoint2coDynArr in_plane;
   giXform3 to_plane;
   gfUtils::ProjectPointsToPlane(points, origin, normal, in_plane, &to_plane);
@@ -283,7 +297,8 @@ int gfLeastSquareEvaluator::evaluate_ellipse2(giPoint3 const& origin, giUnitVec3
   double reference = 0.0;
   if (!direction.invalid()) {
     giVector3 d = to_plane.transform(giVector3(direction));
-    if (std::hypot(d.x(), d.y()) <= 1e-12) return 0;  // the direction is along the normal
+    if (std::hypot(d.x(), d.y()) <= 1e-12)
+      return refuse(gfReason::invalid_argument, "the reference direction is along the plane's normal");
     reference = std::atan2(d.y(), d.x());
   }
   giPoint2 c2;
@@ -299,5 +314,5 @@ int gfLeastSquareEvaluator::evaluate_ellipse2(giPoint3 const& origin, giUnitVec3
   minor = b;
   angle = utMath::remd(theta - reference, kPi);
   residual = std::sqrt(in_plane_rms * in_plane_rms + heights / n);
-  return 1;
+  return gfit::detail::succeed();
 }

@@ -16,6 +16,12 @@
 //
 // The gradient is that of the signed distance with the foot point held: -n . df/dq, n the
 // outward unit normal at the foot point and f the foot point moved by the parameter q.
+//
+// When the points determine an ellipse (leastsquares/refusal.h): at least 5 points (through
+// four runs a family of ellipses), not collinear; at the solution a Jacobian of full rank,
+// or of full rank without the angle when the ellipse is a circle (whose angle changes
+// nothing), and semi-axes within 1e6 times the points' extent. Otherwise the entries refuse
+// (gfReason::not_determined).
 #pragma once
 
 #include "gfit/gfit_export.h"
@@ -49,10 +55,11 @@ class GFIT_EXPORT gfLeastSquareEllipse : public gfLeastSquareDistance2 {
   mutable double t_ = 0.0, ta_ = 0.0, tb_ = 0.0, ta2_ = 0.0, tb2_ = 0.0, derivative_ = 0.0;
 };
 
-// The ellipse of at least 4 points: a fit from the least-squares circle, then 19 fits each
+// The ellipse of at least 5 points: a fit from the least-squares circle, then 19 fits each
 // from the best of 100 random ellipses about the centroid (seed 1); the best is kept.
 // major >= minor are the semi-axes; angle is the major axis's direction in [0, pi).
-// Returns 0 for fewer than 4 points or non-finite coordinates (outputs untouched).
+// Returns 0 for fewer than 5 points, non-finite coordinates or points that do not determine
+// the ellipse (outputs untouched).
 GFIT_EXPORT int gfCalculateLeastSquareEllipse(giPoint2coDynArr const& points, giPoint2& centre, double& major,
                                               double& minor, double& angle, double& residual);
 

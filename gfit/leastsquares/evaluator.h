@@ -5,7 +5,21 @@
 // Conventions shared by every entry:
 //  - status 1: the fit succeeded and every output holds the result; 0: refused or failed;
 //  - inputs first, outputs after them; a refusal (too few points, a non-finite coordinate,
-//    an unusable plane) writes no output;
+//    an unusable plane, companion arrays not one per point, a negative probe radius, points
+//    that do not determine the element) writes no output. Two documented exceptions: the
+//    lines write their outputs when all points coincide, and the plain cylinder marks its
+//    direction (x = -DBL_MAX) whenever its computation returns 0;
+//  - why an entry returned 0 is recorded for the calling thread: gfLastReason() and
+//    gfLastReasonText() (platform/report.h); a success clears it;
+//  - points determine the element (leastsquares/refusal.h) when they span what it needs
+//    (lines: two distinct points; circles, ellipses, probed planes: a plane, not a line;
+//    spheres, cylinders, cones, tori: space, not a plane), and when at the solution the
+//    scaled Jacobian has full rank in the independent parameters and the size is within 1e6
+//    times the points' extent (radius, semi-axis, the cone's apex distance). Otherwise the
+//    entry refuses with gfReason::not_determined. The plane alone is exempt: collinear or
+//    coincident points give 1, with the normal from the first of the zero singular values;
+//  - probe radii and normals are exactly one per point; probe radii finite and not negative
+//    (zero allowed);
 //  - the residual is the RMS distance of the points from the fitted element;
 //  - a fit in a given plane (entries ending in 2 that take 3-D points) maps the points into
 //    that plane's coordinates (gfUtils::ProjectPointsToPlane), fits in 2-D and maps the
@@ -58,8 +72,10 @@ class GFIT_EXPORT gfLeastSquareEvaluator {
   static int evaluate_sphere(giPoint3coDynArr const& points, giPoint3& centre, double& radius, double& residual);
 
   // The cylinder (see gfCalculateLeastSquareCylinder in leastsquares/cylinder.h): at least 4
-  // points here, 5 in the computation. Whenever the computation returns 0, the direction's
-  // x is set to -DBL_MAX as a failure mark. With a guess axis (unset: none) and its angle:
+  // points here, 5 in the computation. Whenever the computation returns 0 (a refusal
+  // included), the direction's x is set to -DBL_MAX as a failure mark: the cylinder's
+  // definition asks for it, and it is the only output a refusal writes. Fewer than 4 points
+  // write nothing. With a guess axis (unset: none) and its angle:
   static int evaluate_cylinder(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction, double& radius,
                                double& residual, giUnitVec3 const& guess, giAngle const& angle, int k);
   // With surface normals (one per point) that the radial directions must agree with:
@@ -72,7 +88,8 @@ class GFIT_EXPORT gfLeastSquareEvaluator {
                                          gfFittedCylindercoDynArr& results);
 
   // The geometric ellipse (gfCalculateLeastSquareEllipse in leastsquares/ellipse.h): centre,
-  // semi-axes major >= minor, the major axis's angle in [0, pi), residual.
+  // semi-axes major >= minor, the major axis's angle in [0, pi), residual. At least 5 points
+  // (the ellipse has five parameters), not collinear.
   static int evaluate_ellipse(giPoint2coDynArr const& points, giPoint2& centre, double& major, double& minor,
                               double& angle, double& residual);
   // The ellipse in the plane (origin, normal), its centre mapped back into space. The angle
@@ -129,8 +146,8 @@ class GFIT_EXPORT gfLeastSquareEvaluator {
   // The cone (see gfCalculateLeastSquareCone in leastsquares/cone.h): at least 6 points, which
   // the computation checks. Outputs: the apex, the unit axis pointing towards the apex, the
   // half-angle in radians and the RMS residual; previous values when k asks for refinement.
-  // Whenever the computation returns 0, the axis's x is set to -DBL_MAX as a failure mark.
-  // With a guess axis (unset: none) and its angle:
+  // A refusal or failure leaves every output untouched. With a guess axis (unset: none) and
+  // its angle:
   static int evaluate_cone(giPoint3coDynArr const& points, giPoint3& apex, giUnitVec3& axis, double& half_angle,
                            double& residual, giUnitVec3 const& guess, giAngle const& angle, int k);
   // With surface normals (one per point) that the cone's normals must agree with:
@@ -146,19 +163,20 @@ class GFIT_EXPORT gfLeastSquareEvaluator {
   // Probe-compensated cylinders and cones (leastsquares/probed_cylinder_cone.h): the plain
   // element fitted to the ball centres with the arguments of evaluate_cylinder or
   // evaluate_cone, its radius (offset) shifted by the mean compensation, then one fit of the
-  // compensated problem. `radii` holds a ball radius per point; `inside` non-zero when the
-  // centres lie inside the surface. A non-positive radius, or a cone whose apex runs to
-  // infinity, is a failure, marked in the direction's x as for the plain fits. At least 4
-  // points (the cone's computation needs 6). With refinement (k), the previous element is
-  // the compensated one.
+  // compensated problem. `radii` holds a ball radius per point (finite, not negative);
+  // `inside` non-zero when the centres lie inside the surface. A non-positive compensated
+  // radius, or a cone whose apex runs to infinity, is a failure. A refusal or failure leaves
+  // every output untouched. At least 4 points here (the computations need 5 for the
+  // cylinder, 6 for the cone). With refinement (k), the previous element is the compensated
+  // one.
   static int evaluate_probed_cylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside,
                                       giPoint3& point, giUnitVec3& direction, double& radius, double& residual,
                                       giUnitVec3 const& guess, giAngle const& angle, int k);
   static int evaluate_probed_cylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside,
                                       giUnitVec3coDynArr const& normals, giAngle const& angle, giPoint3& point,
                                       giUnitVec3& direction, double& radius, double& residual, int k);
-  // `contacts`: optional estimates of the touched points, one per ball centre (ignored when
-  // empty or of another count). When given, the plain cone is fitted to them and each
+  // `contacts`: optional estimates of the touched points, none or one per ball centre (another
+  // count is refused). When given, the plain cone is fitted to them and each
   // point's side is read from them: a centre outside the contacts' cone is compensated as
   // touched from outside, one inside as touched from within (`inside` then only decides
   // for a centre that coincides with its contact).

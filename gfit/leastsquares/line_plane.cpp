@@ -43,8 +43,11 @@
 #include "gfit/leastsquares/distance.h"
 #include "gfit/leastsquares/evaluator.h"
 #include "gfit/platform/qr_accumulator.h"
+#include "gfit/platform/report.h"
 #include "gfit/platform/xform.h"
 #include "gfit/utilities/vector_utils.h"
+
+using gfit::detail::refuse;
 
 namespace {
 
@@ -311,6 +314,13 @@ int index_of_smallest(CentredDecomposition<D> const& dec) {
   return k;
 }
 
+// The lines' status: 0 with the reason when all points coincide (the direction is then
+// meaningless), else 1.
+int coincident_or_fitted(double largest_sigma) {
+  if (largest_sigma != 0.0) return gfit::detail::succeed();
+  return refuse(gfReason::not_determined, "the points do not determine the line: they all coincide");
+}
+
 // RMS distance from the line along singular vector k: the other singular values.
 template <int D>
 double line_residual(CentredDecomposition<D> const& dec, int k, int n) {
@@ -320,17 +330,18 @@ double line_residual(CentredDecomposition<D> const& dec, int k, int n) {
   return std::sqrt(s / n);
 }
 
-// The 2-D line: -1 refused (outputs untouched), 0 coincident points, 1 fitted.
+// The 2-D line: -1 refused (outputs untouched), 0 coincident points, 1 fitted; the reason
+// recorded.
 int fit_line2d(giPoint2coDynArr const& points, giPoint2& point, giUnitVec2& direction, double& residual) {
   const int n = points.count();
-  if (n < 2) return -1;
+  if (n < 2) return refuse(gfReason::too_few_points) - 1;
   CentredDecomposition<2> dec;
-  if (!centred_decomposition<2>(points.data(), n, dec)) return -1;
+  if (!centred_decomposition<2>(points.data(), n, dec)) return refuse(gfReason::non_finite_input) - 1;
   int k = index_of_largest(dec);
   point = giPoint2(dec.centroid[0], dec.centroid[1]);
   direction = giUnitVec2(dec.v[0][k], dec.v[1][k]);
   residual = line_residual(dec, k, n);
-  return dec.sigma[k] != 0.0 ? 1 : 0;
+  return coincident_or_fitted(dec.sigma[k]);
 }
 
 }  // namespace
@@ -343,37 +354,39 @@ int gfLeastSquareEvaluator::evaluate_line(giPoint2coDynArr const& points, giPoin
 int gfLeastSquareEvaluator::evaluate_line3(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction,
                                            double& residual) {
   const int n = points.count();
-  if (n < 2) return 0;
+  if (n < 2) return refuse(gfReason::too_few_points);
   Principal axes;
-  if (!principal_axes(points.data(), n, axes)) return 0;
+  if (!principal_axes(points.data(), n, axes)) return refuse(gfReason::non_finite_input);
   double const* u = axes.axes[2];  // the largest eigenvalue's
   // Two points lie on their line: no rounding of a distance pass for them.
   const double sum = n == 2 ? 0.0 : line_sum_of_squares(points.data(), n, axes.centroid, u);
   point = giPoint3(axes.centroid[0], axes.centroid[1], axes.centroid[2]);
   direction = giUnitVec3(u[0], u[1], u[2]);
   residual = std::sqrt(sum / n);
-  return axes.eigenvalues[2] != 0.0 ? 1 : 0;  // 0: all the points coincide
+  return coincident_or_fitted(axes.eigenvalues[2]);  // 0: all the points coincide
 }
 
 int gfLeastSquareEvaluator::evaluate_plane(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& normal,
                                            double& residual) {
   const int n = points.count();
-  if (n < 3) return 0;
+  if (n < 3) return refuse(gfReason::too_few_points);
   Principal axes;
-  if (!principal_axes(points.data(), n, axes)) return 0;
+  if (!principal_axes(points.data(), n, axes)) return refuse(gfReason::non_finite_input);
   double const* nv = axes.axes[0];  // the smallest eigenvalue's
   const double sum = plane_sum_of_squares(points.data(), n, axes.centroid, nv, axes.spread);
   point = giPoint3(axes.centroid[0], axes.centroid[1], axes.centroid[2]);
   normal = giUnitVec3(nv[0], nv[1], nv[2]);
   residual = std::sqrt(sum / n);
-  return 1;
+  return gfit::detail::succeed();
 }
 
 int gfLeastSquareEvaluator::evaluate_line2(giPoint3 const& origin, giUnitVec3 const& normal,
                                            giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& direction,
                                            double& residual) {
   const int n = points.count();
-  if (n < 2 || normal.invalid() || !origin.finite()) return 0;
+  if (n < 2) return refuse(gfReason::too_few_points);
+  if (normal.invalid()) return refuse(gfReason::invalid_argument, "the plane's normal is unset");
+  if (!origin.finite()) return refuse(gfReason::non_finite_input, "the plane's origin is not finite");
   giPoint2coDynArr in_plane;
   giXform3 to_plane;
   gfUtils::ProjectPointsToPlane(points, origin, normal, in_plane, &to_plane);

@@ -4,11 +4,15 @@
 #include <cmath>
 
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/random.h"
 
-using gfit::detail::radii_usable;
+using gfit::detail::check_points;
+using gfit::detail::check_radii;
+using gfit::detail::refuse;
 using gfit::detail::signed_radii;
+using gfit::detail::Span;
 
 namespace gfit::detail {
 doublecoDynArr signed_radii(doublecoDynArr const& radii, int n, int inside) {
@@ -18,9 +22,9 @@ doublecoDynArr signed_radii(doublecoDynArr const& radii, int n, int inside) {
 }
 
 bool radii_usable(doublecoDynArr const& radii, int n) {
-  if (radii.count() < n) return false;
-  for (int i = 0; i < n; ++i)
-    if (!std::isfinite(radii[i])) return false;
+  if (radii.count() != n) return false;
+  for (double r : radii)
+    if (!(std::isfinite(r) && r >= 0.0)) return false;
   return true;
 }
 }  // namespace gfit::detail
@@ -156,7 +160,9 @@ void gfLeastSquareProbedEllipse::get_distance_and_closest_point(double& distance
 int gfLeastSquareEvaluator::evaluate_probed_circle(giPoint2coDynArr const& points, doublecoDynArr const& radii,
                                                    int inside, giPoint2& centre, double& radius, double& residual) {
   const int n = points.count();
-  if (n < 3 || !gfit::detail::all_finite(points) || !radii_usable(radii, n)) return 0;
+  gfit::detail::PointSpread spread;
+  if (n < 3) return refuse(gfReason::too_few_points);
+  if (!check_radii(radii, n) || !check_points(points, 3, Span::plane, &spread)) return 0;
   gfLeastSquareProbedCircle2 problem(points, radii, inside);
   const giPoint2 c = problem.centroid();
   double mean = 0.0, m = 0.0;
@@ -165,8 +171,8 @@ int gfLeastSquareEvaluator::evaluate_probed_circle(giPoint2coDynArr const& point
   for (int i = 0; i < n; ++i) m = std::fmax(m, std::fabs(radii[i]));
   // Ten fits from starts spread by the largest probe radius about the centroid (seed 1).
   mlRandom random(1);
-  double best = DBL_MAX;
-  mlVector start(3), result(3);
+  double best = DBL_MAX, ratio = 0.0;
+  mlVector start(3), result(3), kept(3);
   for (int pass = 0; pass < 10; ++pass) {
     start[0] = c.x() - m + random.next_unit() * 2.0 * m;
     start[1] = c.y() - m + random.next_unit() * 2.0 * m;
@@ -175,25 +181,35 @@ int gfLeastSquareEvaluator::evaluate_probed_circle(giPoint2coDynArr const& point
     const double rms = std::sqrt(lm.fit(start, result));
     if (rms < best) {
       best = rms;
-      centre = giPoint2(result[0], result[1]);
-      radius = result[2];
-      residual = rms;
+      kept = result;
+      ratio = gfit::detail::determination(lm, problem);
     }
   }
-  return 1;
+  if (best == DBL_MAX) return refuse(gfReason::no_convergence);
+  if (!(kept[2] > 0.0)) return refuse(gfReason::failed, "the compensated radius is not positive");
+  if (!gfit::detail::within_size_bound(kept[2], spread.extent) || !gfit::detail::determined(ratio))
+    return refuse(gfReason::not_determined);
+  centre = giPoint2(kept[0], kept[1]);
+  radius = kept[2];
+  residual = best;
+  return gfit::detail::succeed();
 }
 
 int gfLeastSquareEvaluator::evaluate_probed_sphere(giPoint3coDynArr const& points, doublecoDynArr const& radii,
                                                    int inside, giPoint3& centre, double& radius, double& residual) {
   const int n = points.count();
-  if (n < 4 || !gfit::detail::all_finite(points) || !radii_usable(radii, n)) return 0;
+  gfit::detail::PointSpread spread;
+  if (n < 4) return refuse(gfReason::too_few_points);
+  if (!check_radii(radii, n) || !check_points(points, 4, Span::space, &spread)) return 0;
   gfLeastSquareProbedSphere problem(points, radii, inside);
   mlVector best;
-  const double value = gfit::detail::sphere_restarts(problem, best);
+  double ratio = 0.0;
+  const double value = gfit::detail::sphere_restarts(problem, best, &ratio);
+  if (!gfit::detail::sphere_determined(best, value, ratio, spread)) return 0;
   centre = giPoint3(best[0], best[1], best[2]);
   radius = best[3];
   residual = std::sqrt(value);
-  return 1;
+  return gfit::detail::succeed();
 }
 
 namespace {
@@ -224,45 +240,54 @@ double fit_both_sides(Points const& points, doublecoDynArr const& radii, double 
 int gfLeastSquareEvaluator::evaluate_probed_plane(giPoint3coDynArr const& points, doublecoDynArr const& radii,
                                                   giUnitVec3coDynArr const& normals, giPoint3& point,
                                                   giUnitVec3& normal, double& residual) {
+  // The plane's Jacobian (-1, p - (p . n) n) has full rank exactly when the points are not
+  // collinear, so the up-front check is its whole determination test.
   const int n = points.count();
-  if (n < 3 || !radii_usable(radii, n) || normals.count() < n || !gfit::detail::all_valid(normals)) return 0;
+  if (n < 3) return refuse(gfReason::too_few_points);
+  if (!check_radii(radii, n) || !gfit::detail::check_normals(normals, n, false) ||
+      !check_points(points, 3, Span::plane))
+    return 0;
   giPoint3 p0;
   giUnitVec3 n0;
   double rms = 0.0;
-  if (!evaluate_plane(points, p0, n0, rms)) return 0;  // also refuses non-finite points
+  if (!evaluate_plane(points, p0, n0, rms)) return 0;
   giVector3 sum(0.0, 0.0, 0.0);
   for (int i = 0; i < n; ++i) sum += giVector3(normals[i]);
   const bool usable = sum.squared_length() != 0.0;
   mlVector start{n0.dot(p0.vector()), n0.x(), n0.y(), n0.z()}, best;
   const double value = fit_both_sides<gfLeastSquareProbedPlane>(points, radii, sum.dot(n0), usable, start, best);
+  if (!(value < DBL_MAX)) return refuse(gfReason::no_convergence);
   giUnitVec3 fitted(best[1], best[2], best[3]);
   // The point: p0 projected onto {x : x . n = d}.
   point = p0 - fitted * (fitted.dot(p0.vector()) - best[0]);
   normal = sum.dot(fitted) < 0.0 ? -fitted : fitted;
   residual = std::sqrt(value);
-  return 1;
+  return gfit::detail::succeed();
 }
 
 int gfLeastSquareEvaluator::evaluate_probed_line2(giPoint2coDynArr const& points, doublecoDynArr const& radii,
                                                   giUnitVec2coDynArr const& normals, giPoint2& point,
                                                   giUnitVec2& normal, double& residual) {
+  // As for the plane: the line is determined exactly when the points do not all coincide.
   const int n = points.count();
-  if (n < 2 || !radii_usable(radii, n) || normals.count() < n) return 0;
-  for (int i = 0; i < n; ++i)
-    if (normals[i].invalid() || !std::isfinite(normals[i].x()) || !std::isfinite(normals[i].y())) return 0;
+  if (n < 2) return refuse(gfReason::too_few_points);
+  if (!check_radii(radii, n) || !gfit::detail::check_normals(normals, n, false) ||
+      !check_points(points, 2, Span::line))
+    return 0;
   giPoint2 p0;
   giUnitVec2 t0;
   double rms = 0.0;
-  if (!evaluate_line(points, p0, t0, rms)) return 0;  // also refuses non-finite points
+  if (!evaluate_line(points, p0, t0, rms)) return 0;
   giVector2 n0(-t0.y(), t0.x());  // the direction turned by +90 degrees
   giVector2 sum(0.0, 0.0);
   for (int i = 0; i < n; ++i) sum += giVector2(normals[i]);
   const bool usable = sum.squared_length() != 0.0;
   mlVector start{n0.dot(giVector2(p0.x(), p0.y())), n0.x(), n0.y()}, best;
   const double value = fit_both_sides<gfLeastSquareProbedLine2>(points, radii, sum.dot(n0), usable, start, best);
+  if (!(value < DBL_MAX)) return refuse(gfReason::no_convergence);
   giUnitVec2 fitted(best[1], best[2]);
   point = p0 - fitted * (fitted.dot(giVector2(p0.x(), p0.y())) - best[0]);
   normal = sum.dot(fitted) < 0.0 ? -fitted : fitted;
   residual = std::sqrt(value);
-  return 1;
+  return gfit::detail::succeed();
 }

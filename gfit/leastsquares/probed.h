@@ -10,7 +10,14 @@
 // Distances (rho = rho_i of the point):
 //   circle, sphere   |p - c| + rho - R
 //   line, plane      p . n - d - rho        (parameters: offset d, then the normal)
-// The radii must hold at least one entry per point.
+// The radii must hold exactly one entry per point, each finite and not negative (zero
+// allowed); the approximate normals of the line and plane likewise one per point.
+//
+// When the points determine the element (leastsquares/refusal.h): as for the plain circle
+// and sphere (not collinear, not coplanar; a full-rank Jacobian and a radius within 1e6
+// times the extent at the solution, and a positive compensated radius); the plane needs
+// points that are not collinear, the line points that do not all coincide (their Jacobians
+// have full rank exactly then). Otherwise the entries refuse with outputs untouched.
 #pragma once
 
 #include "gfit/gfit_export.h"
@@ -91,6 +98,7 @@ class GFIT_EXPORT gfLeastSquareProbedEllipse : public gfLeastSquareEllipse {
 namespace gfit::detail {
 // The signed compensations of the first n radii: +r with the inside flag, -r without.
 GFIT_EXPORT doublecoDynArr signed_radii(doublecoDynArr const& radii, int n, int inside);
-// At least n radii, the first n finite.
+// Exactly n radii, each finite and not negative (check_radii of leastsquares/refusal.h
+// without recording a reason).
 GFIT_EXPORT bool radii_usable(doublecoDynArr const& radii, int n);
 }  // namespace gfit::detail

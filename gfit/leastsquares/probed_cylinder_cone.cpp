@@ -4,9 +4,11 @@
 
 #include "gfit/leastsquares/evaluator.h"
 #include "gfit/leastsquares/probed.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/levenberg_marquardt.h"
 
-using gfit::detail::radii_usable;
+using gfit::detail::check_radii;
+using gfit::detail::refuse;
 using gfit::detail::signed_radii;
 
 // ---- cylinder ---------------------------------------------------------------------------
@@ -81,7 +83,8 @@ int probed_cylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii,
                     giUnitVec3coDynArr const& normals, giUnitVec3 const& guess, giAngle const& angle, int k,
                     giPoint3& point, giUnitVec3& direction, double& radius, double& residual) {
   const int n = points.count();
-  if (!radii_usable(radii, n)) return 0;
+  if (n < 5) return refuse(gfReason::too_few_points);
+  if (!check_radii(radii, n)) return 0;
   gfLeastSquareProbedCylinder problem(points, radii, inside);
   const double shift = mean_of(problem.compensation());
   giPoint3 p = point;
@@ -92,12 +95,17 @@ int probed_cylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii,
   mlLevenbergMarquardt lm(problem);
   const double value = lm.fit(start, result);
   const giUnitVec3 fitted(result[3], result[4], result[5]);
-  if (!(result[6] > 0.0) || !std::isfinite(value) || fitted.invalid()) return 0;
+  if (!std::isfinite(value) || fitted.invalid()) return refuse(gfReason::no_convergence);
+  if (!(result[6] > 0.0))
+    return refuse(gfReason::failed, "the compensated radius is not positive: no surface fits these balls");
+  if (!gfit::detail::within_size_bound(result[6], problem.range()) ||
+      !gfit::detail::determined(gfit::detail::axial_determination(problem, result)))
+    return refuse(gfReason::not_determined);
   point = giPoint3(result[0], result[1], result[2]);
   direction = fitted;
   radius = result[6];
   residual = std::sqrt(value);
-  return 1;
+  return gfit::detail::succeed();
 }
 
 // Which side of the contacts' cone each centre lies on: inside (1) when the step from the
@@ -127,8 +135,13 @@ int probed_cone(giPoint3coDynArr const& points, doublecoDynArr const& radii, int
                 giAngle const& angle, int k, giPoint3& apex, giUnitVec3& axis, double& half_angle,
                 double& residual) {
   const int n = points.count();
-  if (!radii_usable(radii, n)) return 0;
-  const bool with_contacts = contacts.count() == n && n > 0 && gfit::detail::all_finite(contacts);
+  if (n < 6) return refuse(gfReason::too_few_points);
+  if (!check_radii(radii, n) || !gfit::detail::check_points(points, 6, gfit::detail::Span::space)) return 0;
+  // Contacts are optional: none, or one per ball centre.
+  if (contacts.count() != 0 && contacts.count() != n)
+    return refuse(gfReason::bad_companion_array, "contact estimates not one per point");
+  if (!gfit::detail::all_finite(contacts)) return refuse(gfReason::non_finite_input, "a contact is not finite");
+  const bool with_contacts = contacts.count() == n;
   const double shift = with_contacts ? 0.0 : mean_of(gfit::detail::signed_radii(radii, n, inside));
   // A previous compensated cone as the centres' one: the same axis and angle, the apex moved
   // along the axis by -shift / sin(theta).
@@ -147,7 +160,10 @@ int probed_cone(giPoint3coDynArr const& points, doublecoDynArr const& radii, int
   lm.set_max_iterations(10000);
   lm.set_strict(true);
   const double value = lm.fit(start, result);
-  return gfit::detail::cone_outputs(result, value, apex, axis, half_angle, residual) ? 1 : 0;
+  if (!gfit::detail::cone_determined(problem, result, value, problem.range())) return 0;
+  if (!gfit::detail::cone_outputs(result, value, apex, axis, half_angle, residual))
+    return refuse(gfReason::not_determined);
+  return gfit::detail::succeed();
 }
 
 }  // namespace
@@ -156,35 +172,26 @@ int gfLeastSquareEvaluator::evaluate_probed_cylinder(giPoint3coDynArr const& poi
                                                      int inside, giPoint3& point, giUnitVec3& direction,
                                                      double& radius, double& residual, giUnitVec3 const& guess,
                                                      giAngle const& angle, int k) {
-  if (points.count() < 4) return 0;
+  if (points.count() < 4) return refuse(gfReason::too_few_points);
   const giUnitVec3coDynArr no_normals;
-  const int status =
-      probed_cylinder(points, radii, inside, no_normals, guess, angle, k, point, direction, radius, residual);
-  if (status == 0) direction.set_invalid();
-  return status;
+  return probed_cylinder(points, radii, inside, no_normals, guess, angle, k, point, direction, radius, residual);
 }
 
 int gfLeastSquareEvaluator::evaluate_probed_cylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii,
                                                      int inside, giUnitVec3coDynArr const& normals,
                                                      giAngle const& angle, giPoint3& point, giUnitVec3& direction,
                                                      double& radius, double& residual, int k) {
-  if (points.count() < 4) return 0;
-  const int status =
-      probed_cylinder(points, radii, inside, normals, giUnitVec3(), angle, k, point, direction, radius, residual);
-  if (status == 0) direction.set_invalid();
-  return status;
+  if (points.count() < 4) return refuse(gfReason::too_few_points);
+  return probed_cylinder(points, radii, inside, normals, giUnitVec3(), angle, k, point, direction, radius, residual);
 }
 
 int gfLeastSquareEvaluator::evaluate_probed_cone(giPoint3coDynArr const& points, doublecoDynArr const& radii,
                                                  int inside, giPoint3coDynArr const& contacts, giPoint3& apex,
                                                  giUnitVec3& axis, double& half_angle, double& residual,
                                                  giUnitVec3 const& guess, giAngle const& angle, int k) {
-  if (points.count() < 4) return 0;
+  if (points.count() < 4) return refuse(gfReason::too_few_points);
   const giUnitVec3coDynArr no_normals;
-  const int status =
-      probed_cone(points, radii, inside, contacts, no_normals, guess, angle, k, apex, axis, half_angle, residual);
-  if (status == 0) axis.set_invalid();
-  return status;
+  return probed_cone(points, radii, inside, contacts, no_normals, guess, angle, k, apex, axis, half_angle, residual);
 }
 
 int gfLeastSquareEvaluator::evaluate_probed_cone(giPoint3coDynArr const& points, doublecoDynArr const& radii,
@@ -192,9 +199,7 @@ int gfLeastSquareEvaluator::evaluate_probed_cone(giPoint3coDynArr const& points,
                                                  giUnitVec3coDynArr const& normals, giAngle const& angle,
                                                  giPoint3& apex, giUnitVec3& axis, double& half_angle,
                                                  double& residual, int k) {
-  if (points.count() < 4) return 0;
-  const int status =
-      probed_cone(points, radii, inside, contacts, normals, giUnitVec3(), angle, k, apex, axis, half_angle, residual);
-  if (status == 0) axis.set_invalid();
-  return status;
+  if (points.count() < 4) return refuse(gfReason::too_few_points);
+  return probed_cone(points, radii, inside, contacts, normals, giUnitVec3(), angle, k, apex, axis, half_angle,
+                     residual);
 }

@@ -9,7 +9,8 @@
 // seat touched from within) and the touched surface lies one ball radius farther out;
 // without it rho_i = -r_i (a shaft or a conical point touched from outside). The parameter
 // layouts, normalisation, scales and independent-parameter counts are the plain elements'.
-// The radii must hold at least one entry per point.
+// The radii must hold exactly one entry per point, each finite and not negative (zero
+// allowed).
 //
 // The evaluator's entries (evaluate_probed_cylinder, evaluate_probed_cone) fit the plain
 // element to the ball centres, shift its radius (the cone: its offset d) by the mean
@@ -18,7 +19,12 @@
 // estimates, one per centre (from a nominal model, say): when given, the plain cone is
 // fitted to them instead, and each centre's side comes from them (a centre outside the
 // contacts' cone is compensated as touched from outside, one inside as touched from within),
-// so that centres touched from both sides mix. Contacts of another count are ignored.
+// so that centres touched from both sides mix. Contacts of another count are refused.
+//
+// When the points determine the element (leastsquares/refusal.h): the plain element's rule
+// (not coplanar; at the solution a full-rank Jacobian, a positive radius within 1e6 extents,
+// an apex within 1e6 extents), applied to the compensated solution as well. Unlike the plain
+// cylinder, a refusal or failure leaves every output untouched (no failure mark).
 #pragma once
 
 #include "gfit/gfit_export.h"

@@ -94,8 +94,10 @@ TEST(ProbedCylinder, RefusalsAndANegativeRadius) {
   Fitted f;
   f.axis = giUnitVec3(0, 0, 1);
   // Centres on a radius-1 cylinder touched from outside by balls of radius 2: no surface.
-  expect_refused(probed_cylinder(surface, constant(50, 2.0), 0, f), f.axis);
-  expect_refused(probed_cylinder(surface, constant(49, 0.5), 0, f), f.axis);  // a radius short
+  // A refusal leaves the outputs untouched (only the plain cylinder marks its direction).
+  expect_refused_untouched(probed_cylinder(surface, constant(50, 2.0), 0, f), f.axis, gfReason::failed);
+  expect_refused_untouched(probed_cylinder(surface, constant(49, 0.5), 0, f), f.axis,
+                           gfReason::bad_companion_array);  // a radius short
   giPoint3coDynArr three{surface[0], surface[1], surface[2]};
   EXPECT_EQ(probed_cylinder(three, constant(3, 0.5), 0, f), 0);
   EXPECT_EQ(f.axis.x(), 0.0);  // below the entry's minimum: untouched
@@ -151,10 +153,9 @@ TEST(ProbedCone, ContactEstimatesGiveEachPointItsSide) {
                                                          f.point, f.axis, f.size, f.rms, 0),
             1);
   EXPECT_LT(f.point.distance(apex), 1e-8);
-  // Contacts of another count are ignored: the one flag then leaves half the points a
-  // ball diameter off.
-  ASSERT_EQ(probed_cone(balls, radii, 0, short_contacts, f), 1);
-  EXPECT_GT(f.rms, 0.3);
+  // Contacts of another count are refused, the outputs untouched.
+  f.axis = giUnitVec3(0, 0, 1);
+  expect_refused_untouched(probed_cone(balls, radii, 0, short_contacts, f), f.axis, gfReason::bad_companion_array);
 }
 
 TEST(ProbedCone, ZeroRadiiAreThePlainFit) {
@@ -169,7 +170,8 @@ TEST(ProbedCone, ZeroRadiiAreThePlainFit) {
   EXPECT_NEAR(f.size, plain.size, 1e-12);
   EXPECT_NEAR(f.rms, plain.rms, 1e-12 * plain.rms);
   f.axis = giUnitVec3(0, 0, 1);
-  expect_refused(probed_cone(pts, constant(10, 0.0), 0, giPoint3coDynArr(), f), f.axis);  // too few radii
+  expect_refused_untouched(probed_cone(pts, constant(10, 0.0), 0, giPoint3coDynArr(), f), f.axis,
+                           gfReason::bad_companion_array);  // too few radii
 }
 
 // ---- the problems -----------------------------------------------------------------------

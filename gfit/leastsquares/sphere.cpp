@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "gfit/leastsquares/evaluator.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/random.h"
 
@@ -65,7 +66,14 @@ double gfLeastSquareSphere::evaluate_radius(giPoint3 const& centre) const {
   return std::sqrt(sum / n_points());
 }
 
-double gfit::detail::sphere_restarts(gfLeastSquareSphere& problem, mlVector& best) {
+bool gfit::detail::sphere_determined(mlVector const& best, double value, double ratio, PointSpread const& spread) {
+  if (!(value < DBL_MAX)) return refuse(gfReason::no_convergence) != 0;
+  if (!(best[3] > 0.0)) return refuse(gfReason::failed, "the sphere's radius is not positive") != 0;
+  if (!within_size_bound(best[3], spread.extent) || !determined(ratio)) return refuse(gfReason::not_determined) != 0;
+  return true;
+}
+
+double gfit::detail::sphere_restarts(gfLeastSquareSphere& problem, mlVector& best, double* ratio) {
   const double R = 3.0 * problem.range();
   const giPoint3 c = problem.centroid();
   double best_value = DBL_MAX;
@@ -98,6 +106,7 @@ double gfit::detail::sphere_restarts(gfLeastSquareSphere& problem, mlVector& bes
     if (value < best_value) {
       best_value = value;
       best = result;
+      if (ratio) *ratio = determination(lm, problem);
     }
     // The first fit is taken when its mean squared distance is below a thousandth of R
     // (a length compared with an area: a fixed, scale-dependent threshold of the fit).
@@ -108,12 +117,15 @@ double gfit::detail::sphere_restarts(gfLeastSquareSphere& problem, mlVector& bes
 
 int gfLeastSquareEvaluator::evaluate_sphere(giPoint3coDynArr const& points, giPoint3& centre, double& radius,
                                             double& residual) {
-  if (points.count() < 4 || !gfit::detail::all_finite(points)) return 0;
+  gfit::detail::PointSpread spread;
+  if (!gfit::detail::check_points(points, 4, gfit::detail::Span::space, &spread)) return 0;
   gfLeastSquareSphere problem(points);
   mlVector best;
-  const double value = gfit::detail::sphere_restarts(problem, best);
+  double ratio = 0.0;
+  const double value = gfit::detail::sphere_restarts(problem, best, &ratio);
+  if (!gfit::detail::sphere_determined(best, value, ratio, spread)) return 0;
   centre = giPoint3(best[0], best[1], best[2]);
   radius = best[3];
   residual = std::sqrt(value);
-  return 1;
+  return gfit::detail::succeed();
 }

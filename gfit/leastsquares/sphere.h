@@ -1,5 +1,9 @@
 // The least-squares sphere. Parameters (cx, cy, cz, r); distance |Q - C| - r, signed
 // (positive outside).
+//
+// When the points determine a sphere (leastsquares/refusal.h): at least 4 points, not
+// coplanar; at the solution a Jacobian of full rank and a positive radius within 1e6 times
+// the points' extent. Otherwise the entries refuse (gfReason::not_determined).
 #pragma once
 
 #include "gfit/gfit_export.h"
@@ -34,6 +38,13 @@ namespace gfit::detail {
 // The sphere's restart scheme on any sphere problem: a fit from the centroid with three
 // times the range as radius; unless its mean squared distance is below range * 0.003, 19
 // more fits, each from the best of 100 random spheres about the centroid (seed 1). Writes
-// the best parameters and returns their mean squared distance.
-GFIT_EXPORT double sphere_restarts(gfLeastSquareSphere& problem, mlVector& best);
+// the best parameters and returns their mean squared distance; `ratio`, when given,
+// receives their determination (leastsquares/refusal.h), read off the solver's factor.
+GFIT_EXPORT double sphere_restarts(gfLeastSquareSphere& problem, mlVector& best, double* ratio = nullptr);
+
+struct PointSpread;
+// Whether the best sphere of the restarts (mean squared distance `value`, determination
+// `ratio`) is a result: a finite value, a positive radius within the size bound and a
+// full-rank Jacobian (see leastsquares/refusal.h). Records the reason when it is not.
+GFIT_EXPORT bool sphere_determined(mlVector const& best, double value, double ratio, PointSpread const& spread);
 }  // namespace gfit::detail

@@ -5,7 +5,15 @@
 #include <cmath>
 #include <utility>
 
-gfSphereFit::gfSphereFit(giPoint3coDynArr const& points) : points_(points) { do_fit(); }
+#include "gfit/leastsquares/distance.h"
+#include "gfit/leastsquares/refusal.h"
+
+using gfit::detail::refuse;
+
+gfSphereFit::gfSphereFit(giPoint3coDynArr const& points) : points_(points) {
+  do_fit();
+  if (status_ == gfDirectFitStatus::fitted) gfit::detail::succeed();
+}
 
 int gfSphereFit::fit(giPoint3coDynArr const& points, giPoint3& centre, double& radius) {
   gfSphereFit sphere(points);
@@ -18,7 +26,23 @@ int gfSphereFit::fit(giPoint3coDynArr const& points, giPoint3& centre, double& r
 void gfSphereFit::do_fit() {
   const int n = points_.count();
   if (n < 4) {
+    refuse(gfReason::too_few_points);
     status_ = gfDirectFitStatus::too_few_points;
+    return;
+  }
+  // Coincident, collinear or coplanar points determine no sphere: their normal equations
+  // are singular (see leastsquares/refusal.h).
+  if (!gfit::detail::all_finite(points_)) {
+    refuse(gfReason::non_finite_input, "a coordinate is not finite");
+    status_ = gfDirectFitStatus::degenerate;
+    return;
+  }
+  const gfit::detail::PointSpread spread = gfit::detail::point_spread(points_);
+  if (!spread.spans(gfit::detail::Span::space)) {
+    refuse(gfReason::not_determined, spread.spans(gfit::detail::Span::plane)
+                                         ? "the points do not determine the sphere: they lie in a plane"
+                                         : "the points do not determine the sphere: they lie on a line");
+    status_ = gfDirectFitStatus::singular;
     return;
   }
   // The sums of the normal equations; q = x^2 + y^2 + z^2.
@@ -42,6 +66,7 @@ void gfSphereFit::do_fit() {
     sq += q;
   }
   if (!std::isfinite(sq + sqx + sqy + sqz)) {
+    refuse(gfReason::out_of_range);
     status_ = gfDirectFitStatus::degenerate;
     return;
   }
@@ -51,8 +76,16 @@ void gfSphereFit::do_fit() {
                     {sx, sy, sz, static_cast<double>(n), -sq}};
   matrix_rowred(&m[0][0], 4, 5);
   const double d = m[0][4], e = m[1][4], f = m[2][4], g = m[3][4];
-  centre_ = giPoint3(-0.5 * d, -0.5 * e, -0.5 * f);
-  radius_ = std::sqrt(centre_.vector().squared_length() - g);  // NaN when negative
+  const giPoint3 centre(-0.5 * d, -0.5 * e, -0.5 * f);
+  const double radius = std::sqrt(centre.vector().squared_length() - g);  // NaN when negative
+  // A sphere beyond 1e6 times the points' extent is a plane in disguise.
+  if (!(centre.finite() && std::isfinite(radius)) || !gfit::detail::within_size_bound(radius, spread.extent)) {
+    refuse(gfReason::not_determined, "the points do not determine the sphere: its size is beyond any measured feature");
+    status_ = gfDirectFitStatus::degenerate;
+    return;
+  }
+  centre_ = centre;
+  radius_ = radius;
   status_ = gfDirectFitStatus::fitted;
 }
 

@@ -10,8 +10,10 @@
 // spheres and hemispheres (about 1e-10 there), 1e-8 at 100 radii, 1e-7 to 1e-6 at 300,
 // 1e-5 to 1e-3 at 1000; caps of 45 degrees keep 1e-9 up to about 10 radii.
 //
-// Degenerate data are not reported: coplanar points make the system singular, and the fit
-// still ends `fitted` with whatever the elimination leaves (a huge sphere or NaN). The object
+// Points that do not determine a sphere are refused before the elimination (see
+// leastsquares/refusal.h): coincident, collinear or coplanar points make the normal
+// equations singular (status `singular`); a radius that is not finite or beyond 1e6 times
+// the points' extent is `degenerate`. The reason is recorded (gfLastReason). The object
 // keeps a reference to the caller's array, which `chi` reads: it must outlive the object.
 #pragma once
 
@@ -21,8 +23,9 @@
 
 class GFIT_EXPORT gfSphereFit {
  public:
-  // Fits at once: status fitted, too_few_points (fewer than 4 points) or degenerate (a
-  // coordinate that is not finite).
+  // Fits at once: status fitted, too_few_points (fewer than 4 points), singular (coplanar,
+  // collinear or coincident points) or degenerate (a coordinate that is not finite, a
+  // radius not finite or beyond the size bound).
   explicit gfSphereFit(giPoint3coDynArr const& points);
 
   // Returns 1 and writes centre and radius when the fit succeeds; otherwise 0, outputs

@@ -69,10 +69,13 @@ TEST(SphereFit, StatusesAndTheStaticEntry) {
   EXPECT_LT(centre.distance(giPoint3(1, 2, 1)), 1e-14);
   EXPECT_NEAR(radius, 2.0, 1e-14);
 
-  // Coplanar points leave the system singular: no refusal, the fit ends with whatever the
-  // elimination reached, and nothing crashes.
+  // Coplanar points determine no sphere: their system is singular, and the fit says so
+  // rather than return whatever the elimination reached.
   giPoint3coDynArr flat{giPoint3(0, 0, 5), giPoint3(1, 0, 5), giPoint3(0, 1, 5), giPoint3(1, 1, 5), giPoint3(2, 3, 5)};
-  EXPECT_EQ(gfSphereFit(flat).status(), gfDirectFitStatus::fitted);
+  EXPECT_EQ(gfSphereFit(flat).status(), gfDirectFitStatus::singular);
+  const giPoint3 kept_centre = centre;
+  EXPECT_EQ(gfSphereFit::fit(flat, centre, radius), 0);
+  EXPECT_EQ(centre, kept_centre);
 
   giPoint3coDynArr bad{giPoint3(0, 0, 0), giPoint3(1, 0, 0), giPoint3(0, NAN, 0), giPoint3(0, 0, 1)};
   EXPECT_EQ(gfSphereFit::fit(bad, centre, radius), 0);

@@ -9,6 +9,7 @@
 #include "gfit/leastsquares/axis_candidates.h"
 #include "gfit/leastsquares/evaluator.h"
 #include "gfit/leastsquares/probed.h"
+#include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
@@ -512,8 +513,6 @@ void keep_better(Fitted const& candidate, Fitted& best) {
   if (candidate.value < best.value) best = candidate;
 }
 
-bool valid_points(giPoint3coDynArr const& points) { return points.count() >= 7 && gfit::detail::all_finite(points); }
-
 // The best of `starts` that differ from each other (in axis by more than 10 degrees, in
 // centre or ring radius by more than `size` / 20), best first, those with both radii
 // positive before the others, at most `count` of them. A broad false minimum leaves many
@@ -691,6 +690,18 @@ bool search_torus(giPoint3coDynArr const& points, Fitted& best) {
   return std::isfinite(best.value);
 }
 
+// The test of a solution (see leastsquares/refusal.h): a finite value and a Jacobian of full
+// rank (the centre is a real point of the torus, so it needs no sliding), formed in the frame
+// of the problem whose parameters `p` are (centre measured from `origin`). Records the reason
+// when it fails.
+bool determined_torus(giPoint3coDynArr const& points, giPoint3 const& origin, mlVector const& p, double value) {
+  using gfit::detail::refuse;
+  if (!std::isfinite(value)) return refuse(gfReason::no_convergence) != 0;
+  gfLeastSquareTorus problem(points, origin);
+  if (!gfit::detail::determined(gfit::detail::determination(problem, p))) return refuse(gfReason::not_determined) != 0;
+  return true;
+}
+
 void write_torus(Fitted const& f, giPoint3& centre, giUnitVec3& axis, double& r1, double& r2, double& residual) {
   mlVector const& p = f.parameters;
   centre = giPoint3(f.origin.x() + p[0], f.origin.y() + p[1], f.origin.z() + p[2]);
@@ -706,20 +717,23 @@ void write_torus(Fitted const& f, giPoint3& centre, giUnitVec3& axis, double& r1
 
 int gfLeastSquareEvaluator::evaluate_torus(giPoint3coDynArr const& points, giPoint3& centre, giUnitVec3& axis,
                                            double& r1, double& r2, double& residual) {
-  if (points.count() < 4 || !valid_points(points)) return 0;
+  if (!gfit::detail::check_points(points, 7, gfit::detail::Span::space)) return 0;
   Fitted best;
   const bool found = search_torus(points, best);
   if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
   if (!found) return gfit::detail::refuse(gfReason::no_convergence, "no torus found");
+  // Judged on all the points, after the refinement on all of them, in the frame it used.
+  if (!determined_torus(points, best.origin, best.parameters, best.value)) return 0;
   write_torus(best, centre, axis, r1, r2, residual);
   return gfit::detail::succeed();
 }
 
 int gfLeastSquareEvaluator::evaluate_torus_with_guess(giPoint3coDynArr const& points, giPoint3& centre,
                                                       giUnitVec3& axis, double& r1, double& r2, double& residual) {
-  if (!valid_points(points) || !centre.finite() || axis.invalid() ||
+  if (!gfit::detail::check_points(points, 7, gfit::detail::Span::space)) return 0;
+  if (!centre.finite() || axis.invalid() ||
       !(std::isfinite(axis.x()) && std::isfinite(axis.y()) && std::isfinite(axis.z())))
-    return 0;
+    return gfit::detail::refuse(gfReason::invalid_argument, "the guess is unset or not finite");
   // The radii and the centre's height from the meridian circle about the given axis, on at
   // most kScanPoints of the points (a start needs no more); then the fit on all of them.
   giPoint3coDynArr storage;
@@ -738,7 +752,7 @@ int gfLeastSquareEvaluator::evaluate_torus_with_guess(giPoint3coDynArr const& po
   f.parameters = mlVector(8);
   f.value = lm.fit(from(origin, start), f.parameters);
   if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
-  if (!std::isfinite(f.value)) return gfit::detail::refuse(gfReason::no_convergence, "no torus found");
+  if (!determined_torus(points, origin, f.parameters, f.value)) return 0;
   write_torus(f, centre, axis, r1, r2, residual);
   return gfit::detail::succeed();
 }
@@ -814,8 +828,12 @@ class CompensatedTorus : public mlFunctionN1 {
 int gfCalculateTorusDownhillSimplex(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside,
                                     giPoint3& centre, giVector3& axis, double& r1, double& r2, double& residual,
                                     double tolerance) {
+  using gfit::detail::refuse;
   const int n = points.count();
-  if (!valid_points(points) || !gfit::detail::radii_usable(radii, n) || !(tolerance >= 0.0)) return 0;
+  if (n < 7) return refuse(gfReason::too_few_points);
+  if (!gfit::detail::check_radii(radii, n) || !gfit::detail::check_points(points, 7, gfit::detail::Span::space))
+    return 0;
+  if (!(tolerance >= 0.0)) return refuse(gfReason::invalid_argument, "the tolerance is negative or not a number");
   const doublecoDynArr rho = gfit::detail::signed_radii(radii, n, inside);
   double mean = 0.0;
   for (double r : rho) mean += r;
@@ -825,7 +843,8 @@ int gfCalculateTorusDownhillSimplex(giPoint3coDynArr const& points, doublecoDynA
   double a1 = 0.0, a2 = 0.0, rms = 0.0;
   if (!gfLeastSquareEvaluator::evaluate_torus(points, c0, u0, a1, a2, rms)) return 0;
   mlVector best{c0.x(), c0.y(), c0.z(), u0.x(), u0.y(), u0.z(), a1, a2 + mean};
-  if (!(best[7] > 0.0)) return 0;
+  if (!(best[7] > 0.0))
+    return refuse(gfReason::failed, "the compensated tube radius is not positive: no surface fits these balls");
 
   const double gain = tolerance > 0.0 ? tolerance : 1e-9;
   CompensatedTorus f(points, rho);
@@ -844,19 +863,26 @@ int gfCalculateTorusDownhillSimplex(giPoint3coDynArr const& points, doublecoDynA
     if (small) break;
     f.set_reference(best);
   }
-  if (!std::isfinite(value)) return 0;
+  // The simplex works in world coordinates; the rank is judged in a frame at the centroid,
+  // as for the other fits.
+  const giPoint3 origin = gfit::detail::mean_of(points.data(), n);
+  mlVector local = best;
+  local[0] -= origin.x();
+  local[1] -= origin.y();
+  local[2] -= origin.z();
+  if (!determined_torus(points, origin, local, value)) return 0;
   centre = giPoint3(best[0], best[1], best[2]);
   axis = giVector3(best[3], best[4], best[5]);
   r1 = best[6];
   r2 = best[7];
   residual = std::sqrt(value);
-  return 1;
+  return gfit::detail::succeed();
 }
 
 int gfLeastSquareEvaluator::evaluate_probed_torus(giPoint3coDynArr const& points, doublecoDynArr const& radii,
                                                   int inside, giPoint3& centre, giUnitVec3& axis, double& r1,
                                                   double& r2, double& residual) {
-  if (points.count() < 4) return 0;
+  if (points.count() < 4) return gfit::detail::refuse(gfReason::too_few_points);
   giVector3 u;
   const int status = gfCalculateTorusDownhillSimplex(points, radii, inside, centre, u, r1, r2, residual, 0.0);
   if (status) axis = giUnitVec3(u);

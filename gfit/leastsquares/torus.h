@@ -30,7 +30,13 @@
 // bit-identical for every thread count. The work is bounded by construction (a fixed set
 // of directions, each with at most six steps, at most four solver runs on the 1024 points
 // and one on all of them); a host's cancel flag (gfSetCancelFlag) stops the search between
-// directions and the solver between iterations, and the fit then returns 0.
+// directions and the solver between iterations, and the fit then returns 0 with
+// gfReason::cancelled.
+//
+// When the points determine a torus (leastsquares/refusal.h): at least 7 points, not
+// coplanar; at the solution (after the refinement on all the points, in the frame the solver
+// used) a Jacobian of full rank in the 7 independent parameters. Otherwise the entries
+// refuse (gfReason::not_determined), leaving the outputs untouched.
 #pragma once
 
 #include "gfit/gfit_export.h"
@@ -44,7 +50,7 @@ class GFIT_EXPORT gfLeastSquareTorus : public gfLeastSquareDistance3 {
   // torus's own size however far the points lie from the coordinate origin, and the
   // solver's steps are resolved to the torus's digits, not to those of the offset.
   gfLeastSquareTorus(giPoint3coDynArr const& points, giPoint3 const& origin);
-  giPoint3 frame_origin() const { return giPoint3(origin_[0], origin_[1], origin_[2]); }
+  giPoint3 frame_origin() const override { return giPoint3(origin_[0], origin_[1], origin_[2]); }
 
   // The axis made unit length (a zero axis becomes (1, 0, 0)); centre and radii kept, signs
   // included.

@@ -53,6 +53,33 @@ TEST(DynamicArray, ExpandReserveShrinkClear) {
   EXPECT_EQ(a.data(), nullptr);
 }
 
+TEST(DynamicArray, NewElementsAreZeroNeverStaleAndAZeroStepStillGrows) {
+  {
+    coDynArr<double> junk(64, 8);
+    junk.expand(64);
+    for (double& v : junk) v = 7.0;
+  }
+  coDynArr<double> fresh(64, 8);  // likely the block just freed
+  fresh.expand(64);
+  for (double v : fresh) EXPECT_EQ(v, 0.0);
+  coDynArr<int> a(4, 4);
+  a.expand(3);
+  a[0] = 1, a[1] = 2, a[2] = 3;
+  a.shrink(1, 0);
+  EXPECT_EQ(a[2], 0);  // reading past the end extends with new elements, not the old ones
+  EXPECT_EQ(a[1], 0);
+  a.shrink(1, 0);
+  a.expand(3);
+  EXPECT_EQ(a[2], 0);
+  for (int step : {0, -3}) {
+    coDynArr<int> b(0, step);
+    EXPECT_EQ(b.step(), coDynArr<int>::default_step);
+    for (int i = 0; i < 40; ++i) b.append(i);
+    EXPECT_EQ(b.count(), 40);
+    EXPECT_EQ(b[39], 39);
+  }
+}
+
 TEST(DynamicArray, CopiesAreDeepAndReadingPastTheEndExtends) {
   giPoint3coDynArr a{giPoint3(1, 2, 3), giPoint3(4, 5, 6)};
   giPoint3coDynArr b(utCopy{}, a);

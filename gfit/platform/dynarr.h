@@ -10,6 +10,11 @@
 //
 // Reading or writing index i >= count through the non-const `operator[]` extends the array
 // to i + 1 elements. The const `operator[]` requires i < count.
+//
+// Every element is value-initialised when its block is made (zero for numbers), and the
+// elements that an extension brings into use (operator[], expand) are value-initialised
+// again, so an index past the count never reads an element left over from before a shrink.
+// A grow step below 1 cannot make room; it is taken as the default step (16).
 #pragma once
 
 #include <cassert>
@@ -24,9 +29,9 @@ class coDynArr {
   static constexpr int default_step = 16;
 
   coDynArr() : data_(nullptr), capacity_(0), count_(0), step_(default_step) {}
-  coDynArr(int capacity, int step) : data_(nullptr), capacity_(0), count_(0), step_(step) {
+  coDynArr(int capacity, int step) : data_(nullptr), capacity_(0), count_(0), step_(usable_step(step)) {
     if (capacity >= 1) {
-      data_ = new T[capacity];
+      data_ = new T[capacity]();
       capacity_ = capacity;
     }
   }
@@ -61,7 +66,7 @@ class coDynArr {
   // A deep copy of `other`: capacity equal to its count, its grow step.
   void become(utCopy, coDynArr const& other) {
     if (this == &other) return;
-    T* block = other.count_ > 0 ? new T[other.count_] : nullptr;
+    T* block = other.count_ > 0 ? new T[other.count_]() : nullptr;
     for (int i = 0; i < other.count_; ++i) block[i] = other.data_[i];
     delete[] data_;
     data_ = block;
@@ -79,7 +84,7 @@ class coDynArr {
   // Makes the array hold n elements (growing the block when n > capacity). Returns 1.
   int expand(int n) {
     if (n > capacity_) resize(n - 1);
-    if (n > count_) count_ = n;
+    if (n > count_) extend_to(n);
     return 1;
   }
   // Makes room for n elements without changing the count. Returns 1.
@@ -94,7 +99,7 @@ class coDynArr {
     if (n != 0) {
       if (n < capacity_ && release) {
         int keep = count_ < n ? count_ : n;
-        T* block = new T[n];
+        T* block = new T[n]();
         for (int i = 0; i < keep; ++i) block[i] = std::move(data_[i]);
         delete[] data_;
         data_ = block;
@@ -122,7 +127,7 @@ class coDynArr {
     assert(i >= 0);
     if (i >= count_) {
       if (i >= capacity_) resize(i);
-      count_ = i + 1;
+      extend_to(i + 1);
     }
     return data_[i];
   }
@@ -141,10 +146,9 @@ class coDynArr {
  protected:
   // Makes room for the element of the given index (see the class comment for the rule).
   void resize(int index) {
-    assert(step_ > 0 && "a grow step of 0 cannot make room");
     int d = index - capacity_;
     int grown = capacity_ + (d - d % step_) + step_;
-    T* block = new T[grown];
+    T* block = new T[grown]();
     for (int i = 0; i < count_; ++i) block[i] = std::move(data_[i]);
     if (capacity_ > 0) delete[] data_;
     data_ = block;
@@ -152,6 +156,13 @@ class coDynArr {
   }
 
  private:
+  static int usable_step(int step) { return step >= 1 ? step : default_step; }
+  // Brings elements [count, n) into use, each value-initialised (they may hold what a
+  // shrink left behind).
+  void extend_to(int n) {
+    for (int i = count_; i < n; ++i) data_[i] = T();
+    count_ = n;
+  }
   void free_block() {
     delete[] data_;
     data_ = nullptr;

@@ -53,7 +53,8 @@ class GFIT_EXPORT mlDistanceLeastSquares {
   // How well the points constrain the parameters at `parameters`: the k-th largest singular
   // value of the Jacobian with its columns divided by the parameter scales (1 where none is
   // known), over sqrt(number of points), k = n_independent_parameters(). 0 when it cannot
-  // be formed. Leaves `parameters` as the current parameters.
+  // be formed or there are fewer points than k. Leaves `parameters` as the current
+  // parameters.
   double point_distribution_quality(mlVector const& parameters);
 
  private:

@@ -41,6 +41,16 @@ double accumulate(mlDistanceLeastSquares const& problem, TriangularAccumulator& 
   return sum;
 }
 
+// Whether every element of the factor (Jacobian and distances) is finite: a gradient that is
+// not finite leaves a finite sum of squares but a factor the step cannot be formed from.
+bool finite_factor(TriangularAccumulator const& acc) {
+  const int c = acc.cols();
+  for (int i = 0; i < c; ++i)
+    for (int j = i; j < c; ++j)
+      if (!std::isfinite(acc.r(i, j))) return false;
+  return true;
+}
+
 // Root-mean-square of Jacobian column j, read off the factor (its columns have the norms
 // of J's columns).
 double column_rms(TriangularAccumulator const& acc, int j, int n) {
@@ -111,7 +121,9 @@ double mlDistanceLeastSquares::point_distribution_quality(mlVector const& parame
   const int m = n_parameters_, n = n_points_;
   const int k = n_independent_parameters();
   set_parameters(parameters);
-  if (n == 0 || k < 1 || k > m) return 0.0;
+  // Fewer points than independent parameters leave some combination free: the k-th
+  // singular value is zero in exact arithmetic, so say so rather than return rounding.
+  if (k < 1 || k > m || n < k) return 0.0;
   TriangularAccumulator acc(m + 1);
   std::vector<double> squares(kBlock);
   accumulate(*this, acc, squares.data());
@@ -135,6 +147,7 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
   const double tol = strict_ ? strict_tolerance : default_tolerance;
   const int polish_limit = strict_ ? 16 : 8;
   iterations_ = 0;
+  factor_.reset(0);
 
   mlVector p(m);
   for (int j = 0; j < m && j < start.size(); ++j) p[j] = start[j];
@@ -150,9 +163,17 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
   TriangularAccumulator acc(m + 1), trial_acc(m + 1);
   std::vector<double> squares(kBlock);
   double ssr = accumulate(problem_, acc, squares.data());
+  if (gfit::detail::cancelled()) {  // possibly within that pass
+    termination_ = cancelled;
+    return std::numeric_limits<double>::quiet_NaN();
+  }
   if (!std::isfinite(ssr)) {
     termination_ = non_finite_start;
     return ssr / n;
+  }
+  if (!finite_factor(acc)) {
+    termination_ = non_finite_gradient;
+    return std::numeric_limits<double>::infinity();
   }
 
   // The damping diagonal: the problem's sensitivities, or the Jacobian's column RMS at the
@@ -259,6 +280,13 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
     problem_.set_parameters(trial);
     double ssr_trial = accumulate(problem_, trial_acc, squares.data());
     ++iterations_;
+    // A trial whose gradient is not finite is rejected like one whose distances are not.
+    if (!finite_factor(trial_acc)) ssr_trial = std::numeric_limits<double>::quiet_NaN();
+    // A pass the host cancelled: back to the last accepted point, and out at the top.
+    if (std::isnan(ssr_trial) && gfit::detail::cancelled()) {
+      problem_.set_parameters(p);
+      continue;
+    }
 
     if (polishing) {
       // Judged by its size (above), and accepted unless the sum of squares clearly grows.
@@ -297,5 +325,6 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
     }
   }
   result = p;
+  factor_ = acc;
   return ssr / n;
 }

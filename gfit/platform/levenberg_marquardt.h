@@ -34,6 +34,11 @@
 //  - polishing stops contracting, or ran 8 steps (16 in strict mode);
 //  - the iteration limit (default 100 trial evaluations; set_max_iterations).
 //
+// A trial point whose distances or gradients are not finite is rejected (the trust radius
+// shrinks); when a gradient is not finite at the start, no step can be formed and `fit`
+// returns +infinity with the start (termination non_finite_gradient), so that a search never
+// keeps such a start as a solution.
+//
 // `fit` returns the mean squared distance at the solution (sum of squares / points). It
 // polls the host's cancel flag (gfSetCancelFlag, platform/report.h) once per iteration and
 // every 4096 points of a pass; when the flag is set it stops and returns NaN, a value every
@@ -42,6 +47,7 @@
 
 #include "gfit/gfit_export.h"
 #include "gfit/platform/least_squares.h"
+#include "gfit/platform/qr_accumulator.h"
 
 class GFIT_EXPORT mlLevenbergMarquardt {
  public:
@@ -52,12 +58,13 @@ class GFIT_EXPORT mlLevenbergMarquardt {
   enum Termination {
     not_run,
     zero_residual,
-    small_step,        // step below the resolution of the parameters
-    stationary,        // Gauss-Newton polishing stopped contracting
+    small_step,           // step below the resolution of the parameters
+    stationary,           // Gauss-Newton polishing stopped contracting
     iteration_limit,
     no_points,
-    non_finite_start,  // a distance at the start is not finite
-    cancelled,         // the host's cancel flag was set
+    non_finite_start,     // a distance at the start is not finite
+    non_finite_gradient,  // a gradient at the start is not finite: fit returns +infinity
+    cancelled,            // the host's cancel flag was set: fit returns NaN
   };
 
   explicit mlLevenbergMarquardt(mlDistanceLeastSquares& problem) : problem_(problem) {}
@@ -73,6 +80,11 @@ class GFIT_EXPORT mlLevenbergMarquardt {
   // Trial steps evaluated by the last fit, and why it stopped.
   int iterations() const { return iterations_; }
   Termination termination() const { return termination_; }
+  // The triangular factor R of [J | d] (Jacobian and distances, n_parameters + 1 columns)
+  // at the result of the last fit, R^T R = [J d]^T [J d]; no columns when the fit ended
+  // before a Jacobian could be used. It lets a caller judge the solution without another
+  // pass over the points.
+  gfit::detail::TriangularAccumulator const& factor() const { return factor_; }
 
  private:
   mlDistanceLeastSquares& problem_;
@@ -80,4 +92,5 @@ class GFIT_EXPORT mlLevenbergMarquardt {
   bool strict_ = false;
   int iterations_ = 0;
   Termination termination_ = not_run;
+  gfit::detail::TriangularAccumulator factor_;
 };

@@ -164,6 +164,37 @@ TEST(LevenbergMarquardt, EdgeCases) {
   EXPECT_NEAR(r[2], 2.0, 1e-13);
 }
 
+// A circle whose gradient is not a number wherever the radius exceeds `limit` (the solver
+// once took such a start for converged: a step of zero length, termination small_step).
+class CircleWithNanGradient : public Circle {
+ public:
+  CircleWithNanGradient(giPoint2coDynArr const& p, double limit) : Circle(p), limit_(limit) {}
+  void get_distance_and_gradient(double& d, mlVector& g, int i) const override {
+    Circle::get_distance_and_gradient(d, g, i);
+    if (parameters()[2] > limit_) g[0] = NAN;
+  }
+
+ private:
+  double limit_;
+};
+
+TEST(LevenbergMarquardt, ANonFiniteGradientIsAFailureNotConvergence) {
+  giPoint2coDynArr exact;
+  for (int i = 0; i < 12; ++i) exact.append(giPoint2(7 + 2 * std::cos(i * 0.5), -1 + 2 * std::sin(i * 0.5)));
+  mlVector r;
+  mlLevenbergMarquardt::Termination why;
+  int iterations = -1;
+  // Not a number at the start: no step can be formed, and the value says the fit failed.
+  CircleWithNanGradient everywhere(exact, -1.0);
+  EXPECT_EQ(fit(everywhere, mlVector{5, 1, 0.5}, r, 0, false, &why, &iterations), INFINITY);
+  EXPECT_EQ(why, mlLevenbergMarquardt::non_finite_gradient);
+  EXPECT_EQ(iterations, 0);
+  EXPECT_EQ(r[2], 0.5);
+  // Finite where the fit starts: it converges as ever.
+  CircleWithNanGradient beyond(exact, 3.0);
+  EXPECT_LT(fit(beyond, mlVector{5, 1, 0.5}, r), 1e-28);
+}
+
 TEST(LevenbergMarquardt, SameInputSameBits) {
   Rng rng(6);
   giPoint3coDynArr pts = sample_sphere(rng, giPoint3(5, 5, 5), 3, giUnitVec3(1, 0, 0), 0.8, 1000, 1e-2);

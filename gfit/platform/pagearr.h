@@ -115,7 +115,7 @@ class coPageArr {
   // Allocates pages until more pages exist than `page`. Returns 1.
   int get_block(int page) {
     while (pages_ <= page) {
-      table_.append(new T[page_size_]);
+      table_.append(new T[page_size_]());
       ++pages_;
     }
     return 1;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -112,6 +113,53 @@ TEST(ConvexHull, AgreesWithBruteForceOnGridPointsAndInGeneralPosition) {
 }
 
 // Even-odd rule with a half-open test on y: exact for integer coordinates.
+// Points crowded inside the extreme points' quadrilateral (dropped before the sort) and a
+// rim of points on a circle, some exactly on the quadrilateral's edges: the corners are the
+// brute-force ones, in order, whichever form.
+TEST(ConvexHull, InteriorPointsDroppedFirstKeepTheHull) {
+  Rng rng(5);
+  for (int trial = 0; trial < 20; ++trial) {
+    std::vector<giPoint2> p;
+    for (int i = 0; i < 300; ++i) {
+      double a = rng.uniform(0, 2 * M_PI), r = i % 10 == 0 ? 50.0 : rng.uniform(0, 50.0);
+      p.push_back(giPoint2(std::round(r * std::cos(a)) + 1e4 * trial, std::round(r * std::sin(a))));
+    }
+    p.push_back(giPoint2(1e4 * trial, -60));  // lowest
+    p.push_back(giPoint2(1e4 * trial + 60, 0));  // rightmost
+    p.push_back(giPoint2(1e4 * trial + 30, -30));  // on the quadrilateral's edge between them
+    std::vector<giPoint2> corners = brute_force_corners(p);
+    giPoint2coDynArr points = to_array(p), hull;
+    intcoDynArr indices;
+    gf_calculate_convex_hull(points, hull);
+    gf_calculate_convex_hull(points, indices);
+    std::vector<giPoint2> from_hull, from_indices;
+    for (int i = 0; i < hull.count(); ++i)
+      if (std::find(corners.begin(), corners.end(), hull[i]) != corners.end()) from_hull.push_back(hull[i]);
+    for (int i = 0; i < indices.count(); ++i)
+      if (std::find(corners.begin(), corners.end(), points[indices[i]]) != corners.end())
+        from_indices.push_back(points[indices[i]]);
+    EXPECT_EQ(from_hull, corners) << trial;
+    EXPECT_EQ(from_indices, corners) << trial;
+  }
+}
+
+// Equal angles in index order, the far point first: the scan backs up to the anchor, tests
+// it against its cyclic predecessor (the last point) and keeps it; the hull is still right.
+TEST(ConvexHull, ScanBacksUpToTheAnchorInTheIndexForm) {
+  // Anchor, then on the ray at 45 degrees: 2, 3, 1 (backs up to the anchor), 4; then a
+  // point up left.
+  std::vector<giPoint2> p{giPoint2(0, 0), giPoint2(2, 2), giPoint2(3, 3), giPoint2(1, 1), giPoint2(4, 4),
+                          giPoint2(-1, 5)};
+  giPoint2coDynArr points = to_array(p);
+  intcoDynArr indices;
+  gf_calculate_convex_hull(points, indices);
+  ASSERT_EQ(indices.count(), 4);
+  EXPECT_EQ(indices[0], 0);
+  EXPECT_EQ(indices[1], 3);  // on the edge from the anchor to (4, 4)
+  EXPECT_EQ(indices[2], 4);
+  EXPECT_EQ(indices[3], 5);
+}
+
 gfRelativePosition brute_force_position(giPoint2 const& q, std::vector<giPoint2> const& v) {
   for (giPoint2 const& a : v)
     if (a == q) return gf_on_vertex;

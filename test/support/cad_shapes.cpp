@@ -1,5 +1,6 @@
 #include "test/support/cad_shapes.h"
 
+#include <BRepAlgoAPI_Fuse.hxx>
 #include <BRepBuilderAPI_MakeEdge.hxx>
 #include <BRepBuilderAPI_MakeFace.hxx>
 #include <BRepBuilderAPI_MakeVertex.hxx>
@@ -7,6 +8,7 @@
 #include <BRepBuilderAPI_NurbsConvert.hxx>
 #include <BRepFilletAPI_MakeFillet.hxx>
 #include <BRepPrimAPI_MakeBox.hxx>
+#include <BRepPrimAPI_MakeCylinder.hxx>
 #include <BRepPrimAPI_MakePrism.hxx>
 #include <BRep_Builder.hxx>
 #include <BRep_Tool.hxx>
@@ -96,6 +98,12 @@ tskSurfPtr bspline_face() {
 
 tskSurfPtr box(giPoint3 const& corner, double dx, double dy, double dz) {
   return tskSurf::from_shape(BRepPrimAPI_MakeBox(occ(corner), dx, dy, dz).Shape());
+}
+
+tskSurfPtr flanged_cylinder() {
+  TopoDS_Shape shaft = BRepPrimAPI_MakeCylinder(gp_Ax2(gp_Pnt(0, 0, 0), gp::DZ()), 10.0, 40.0).Shape();
+  TopoDS_Shape flange = BRepPrimAPI_MakeCylinder(gp_Ax2(gp_Pnt(0, 0, 0), gp::DZ()), 25.0, 5.0).Shape();
+  return tskSurf::from_shape(BRepAlgoAPI_Fuse(shaft, flange).Shape());
 }
 
 tskSurfPtr plate_with_hole() {

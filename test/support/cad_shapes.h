@@ -23,6 +23,9 @@ double bspline_height(double x, double y);
 
 // Solids.
 tskSurfPtr box(giPoint3 const& corner, double dx, double dy, double dz);
+// A shaft of radius 10 along +z from z = 0 to 40 standing on a flange of radius 25 and
+// thickness 5 (z = 0 .. 5): cylinders and planes, the shaft's turn about z left free by it.
+tskSurfPtr flanged_cylinder();
 // 100 x 60 x 10 plate on z = 0 with a through hole of radius 8 at (30, 30).
 tskSurfPtr plate_with_hole();
 // 60 x 40 x 30 block at the origin with every edge rounded by 5.

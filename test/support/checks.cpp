@@ -37,6 +37,13 @@ void expect_refused(int status, giUnitVec3& direction) {
   direction = giUnitVec3(0, 0, 1);
 }
 
+void expect_refused_untouched(int status, giUnitVec3 const& direction, gfReason reason) {
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(direction.x(), 0.0);
+  EXPECT_EQ(direction.z(), 1.0);
+  EXPECT_EQ(gfLastReason(), reason) << gfLastReasonText();
+}
+
 void expect_thread_independent(std::function<Bits()> const& fit) {
   const int previous = gfSetMaxThreads(1);
   const Bits one = fit(), again = fit();

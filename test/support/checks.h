@@ -37,6 +37,8 @@ struct CancelFlag {
 // A refused fit returns 0 and marks the direction it was given as unset: x = -DBL_MAX, the
 // other coordinates kept. `direction` must be +z before the call; it is +z again after.
 void expect_refused(int status, giUnitVec3& direction);
+// A refusal that leaves the direction it was given (+z) untouched and records `reason`.
+void expect_refused_untouched(int status, giUnitVec3 const& direction, gfReason reason);
 
 // The numbers a fit returns, to compare bit for bit.
 using Bits = std::vector<double>;
