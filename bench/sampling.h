@@ -47,10 +47,12 @@ namespace gfit::bench {
 
 // A noisy cylinder (radius 20, length 80) about an oblique axis away from the origin,
 // covering `span` radians of its circumference.
+inline giUnitVec3 cylinder_scan_axis() { return giUnitVec3(0.3, -0.5, 0.81); }
+inline giPoint3 cylinder_scan_origin() { return giPoint3(420.0, -130.0, 75.0); }
 inline giPoint3coDynArr cylinder_scan(int n, double span) {
-  const giUnitVec3 axis(0.3, -0.5, 0.81);
+  const giUnitVec3 axis = cylinder_scan_axis();
   const giUnitVec3 e1 = axis.any_normal(), e2(axis.cross(e1));
-  const giPoint3 origin(420.0, -130.0, 75.0);
+  const giPoint3 origin = cylinder_scan_origin();
   giPoint3coDynArr pts(n, 1024);
   for (int i = 0; i < n; ++i) {
     double t = span * (0.5 + 0.5 * scramble(4 * i)), h = 40.0 * scramble(4 * i + 1);

@@ -39,6 +39,15 @@ int gfFittedCone::invalid() const {
 
 gfLeastSquareCone::gfLeastSquareCone(giPoint3coDynArr const& points)
     : gfLeastSquareDistance3(8, points), dF_(6), dG_(6) {}
+gfLeastSquareCone::gfLeastSquareCone(giPoint3coDynArr const& points, giPoint3 const& origin)
+    : gfLeastSquareDistance3(8, points), origin_{origin.x(), origin.y(), origin.z()}, dF_(6), dG_(6) {}
+
+namespace {
+// Point q measured from the frame origin (q itself when that is the coordinate origin).
+inline giPoint3 from_origin(giPoint3 const& q, double const* origin) {
+  return giPoint3(q.x() - origin[0], q.y() - origin[1], q.z() - origin[2]);
+}
+}  // namespace
 gfLeastSquareCone::~gfLeastSquareCone() = default;
 
 void gfLeastSquareCone::set_parameters(mlVector const& p) {
@@ -76,14 +85,15 @@ void gfLeastSquareCone::normalize_parameters(mlVector& p) const {
 void gfLeastSquareCone::get_distance(double& d, int i) const {
   mlVector const& p = parameters();
   const giUnitVec3 u(p[3], p[4], p[5]);
-  const giVector3 q = points()[i] - giPoint3(p[0], p[1], p[2]);
+  const giVector3 q = from_origin(points()[i], origin_) - giPoint3(p[0], p[1], p[2]);
   d = u.dot(q) * sin_ + u.cross(q).length() * cos_ - p[6];
 }
 
 void gfLeastSquareCone::get_distance_and_gradient(double& d, mlVector& g, int i) const {
   mlVector const& p = parameters();
   double F = 0.0, G = 0.0;
-  F_G_and_derivatives(giPoint3(p[0], p[1], p[2]), giUnitVec3(p[3], p[4], p[5]), points()[i], F, dF_, G, dG_);
+  F_G_and_derivatives(giPoint3(p[0], p[1], p[2]), giUnitVec3(p[3], p[4], p[5]), from_origin(points()[i], origin_), F,
+                      dF_, G, dG_);
   d = F * sin_ + G * cos_ - p[6];
   for (int k = 0; k < 6; ++k) g[k] = dF_[k] * sin_ + dG_[k] * cos_;
   g[6] = -1.0;
@@ -99,7 +109,7 @@ void gfLeastSquareCone::offset_block(double const* offsets, int first, int count
                                      double* squares, double* jacobian, int ld) const {
   // The per-point operations in one loop, with the unit direction formed once.
   mlVector const& p = parameters();
-  const gfit::detail::AxisFrame frame(p);
+  const gfit::detail::AxisFrame frame(p, origin_);
   const double ux = frame.ux, uy = frame.uy, uz = frame.uz, off = p[6], s = sin_, c = cos_;
   giPoint3 const* q = points().data() + first;
   gfit::detail::AxialPoint a;
@@ -129,7 +139,7 @@ void gfLeastSquareCone::parameter_scales(mlVector& s) const {
   const giUnitVec3 u(p[3], p[4], p[5]);
   const giPoint3 apex = giPoint3(p[0], p[1], p[2]) + u * (p[6] / sin_);
   double L = 0.0;
-  for (giPoint3 const& q : points()) L = std::fmax(L, q.distance(apex));
+  for (giPoint3 const& q : points()) L = std::fmax(L, from_origin(q, origin_).distance(apex));
   s.resize(n_parameters());
   s[0] = s[1] = s[2] = 1.0;
   s[3] = s[4] = s[5] = L;
@@ -297,10 +307,16 @@ void gfLeastSquareConeResults::get_best(double& value, mlVector& parameters) con
 
 bool gfit::detail::cone_outputs(mlVector const& p, double value, giPoint3& apex, giUnitVec3& axis,
                                 double& half_angle, double& residual) {
+  return cone_outputs(p, giPoint3(0.0, 0.0, 0.0), value, apex, axis, half_angle, residual);
+}
+
+bool gfit::detail::cone_outputs(mlVector const& p, giPoint3 const& origin, double value, giPoint3& apex,
+                                giUnitVec3& axis, double& half_angle, double& residual) {
   const double s = std::sin(p[7]);
   const giUnitVec3 u(p[3], p[4], p[5]);
   if (!(s >= 1e-12) || u.invalid()) return false;
-  const giPoint3 k = giPoint3(p[0], p[1], p[2]) + u * (p[6] / s);
+  const giVector3 from = giVector3(p[0], p[1], p[2]) + u * (p[6] / s);
+  const giPoint3 k = origin + from;
   if (!k.finite() || !std::isfinite(value) || !std::isfinite(p[7])) return false;
   apex = k;
   axis = u;
@@ -315,8 +331,9 @@ bool gfit::detail::cone_determined(gfLeastSquareDistance3& problem, mlVector con
   const giUnitVec3 u(p[3], p[4], p[5]);
   if (!(s >= 1e-12) || u.invalid())
     return refuse(gfReason::not_determined, "the points do not determine the cone: its apex runs to infinity") != 0;
+  // The apex and the centroid both in the problem's frame.
   const giPoint3 apex = giPoint3(p[0], p[1], p[2]) + u * (p[6] / s);
-  if (!apex.finite() || !within_size_bound(apex.distance(problem.centroid()), extent))
+  if (!apex.finite() || !within_size_bound(apex.distance(centroid_in_frame(problem)), extent))
     return refuse(gfReason::not_determined, "the points do not determine the cone: its apex runs to infinity") != 0;
   if (!determined(axial_determination(problem, p))) return refuse(gfReason::not_determined) != 0;
   return true;

@@ -31,11 +31,26 @@
 // problem (strict, at most 10000 iterations). The linear starts of a batch may be computed
 // on several threads (gfSetMaxThreads); the result is bit-identical for every thread count.
 //
+// Dense scans, far from the origin, bounded: the search works on at most 2000 points
+// spread evenly through the array and refines its choice on all of them; every solver run
+// works in a frame centred on the points (the problem's frame origin), so that 1e7 from the
+// origin the cone keeps its digits. Its work is bounded by a budget of 2000 point
+// evaluations per point of the subset (at least that of 1000 points): every linear start
+// and solver run is charged, a refinement may spend at most a quarter of what is left, a
+// fixed-axis start at most 200 iterations, and the final refinement on all the points at
+// most 30 iterations. A cone takes a few hundred to a thousand per point; on points that
+// hold no cone at a finite distance (a plane) the strict solver would crawl towards the
+// apex at infinity, and the budget ends the search with the best cone found (about twice
+// the time of a real cone of the same size, against 60 times before). A host's cancel
+// flag (gfSetCancelFlag) is polled between starts and by the solver between iterations; a
+// cancelled fit returns 0 with gfReason::cancelled.
+//
 // When the points determine a cone (leastsquares/refusal.h): at least 6 points, not
 // coplanar; at the solution a Jacobian of full rank in the 6 independent parameters (judged
 // with the axis point at the foot of the centroid) and an apex within 1e6 times the points'
-// extent of their centroid. Otherwise the computations refuse (gfReason::not_determined),
-// leaving every output untouched.
+// extent of their centroid. The test is applied to the cone the entry returns, after the
+// refinement on all the points, in the frame the solver used. Otherwise the computations
+// refuse (gfReason::not_determined), leaving every output untouched.
 #pragma once
 
 #include <cfloat>
@@ -49,6 +64,7 @@
 
 namespace gfit::detail {
 class CentredPoints;
+class SearchBudget;
 }
 
 // Sets the process-wide non-physical tolerance of the cone fits (radians; 0.05 when the
@@ -91,6 +107,13 @@ class GFIT_EXPORT gfFittedCone {
 class GFIT_EXPORT gfLeastSquareCone : public gfLeastSquareDistance3 {
  public:
   explicit gfLeastSquareCone(giPoint3coDynArr const& points);
+  // The same problem with the axis point measured from `origin` (A = origin + p[0..2]),
+  // normalised to the foot of the perpendicular from `origin`; the searches put `origin` at
+  // the points' centroid, so that the axis point stays among the points however far they
+  // lie from the coordinate origin (see gfLeastSquareCylinder). The distances are those of
+  // the same cone in world coordinates.
+  gfLeastSquareCone(giPoint3coDynArr const& points, giPoint3 const& origin);
+  giPoint3 frame_origin() const override { return giPoint3(origin_[0], origin_[1], origin_[2]); }
 
   // Stores the parameters (grown to 8 when shorter) and caches sin and cos of the half-angle.
   void set_parameters(mlVector const& p) override;
@@ -129,6 +152,7 @@ class GFIT_EXPORT gfLeastSquareCone : public gfLeastSquareDistance3 {
                     double* jacobian, int ld) const;
 
  private:
+  double origin_[3] = {0.0, 0.0, 0.0};
   double sin_ = 0.0, cos_ = 1.0;
   mutable mlVector dF_, dG_;
 };
@@ -241,6 +265,9 @@ class GFIT_EXPORT gfConeGuessGenerator {
   // linear starts.
   gfit::detail::CentredPoints const& centred_points() const;
   double scale() const;
+  // Charges the solver runs of the strategies to `budget` (null: none) and caps them by it;
+  // a search bounds its work this way.
+  void bound_work(gfit::detail::SearchBudget* budget) { budget_ = budget; }
 
  private:
   struct Frame;
@@ -252,6 +279,7 @@ class GFIT_EXPORT gfConeGuessGenerator {
   gfLeastSquareCone problem_;
   std::unique_ptr<Frame> frame_;
   giUnitVec3 preliminary_;
+  gfit::detail::SearchBudget* budget_ = nullptr;
 };
 
 // The cone through at least 6 points. `apex`, `axis` and `half_angle` are read as a
@@ -261,9 +289,10 @@ class GFIT_EXPORT gfConeGuessGenerator {
 // `angle` bounds the axis, and random directions are drawn only within it; `normals`
 // (empty: none, else one per point) must agree with the cone's normals within `angle`,
 // unless that costs more than a thousandth of the range in RMS. Returns 1 with a result;
-// 0 for fewer than 6 points, coincident points, non-finite input, normals of another count
-// than the points, or no cone (including one whose apex runs to infinity, sin(theta) <
-// 1e-12), leaving the outputs untouched.
+// 0 for fewer than 6 points, points that do not determine a cone (above), non-finite
+// input, normals of another count than the points, no cone (including one whose apex runs
+// to infinity, sin(theta) < 1e-12) or a cancelled search, leaving the outputs untouched;
+// the reason is recorded (platform/report.h).
 GFIT_EXPORT int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, giUnitVec3& axis,
                                            double& half_angle, double& residual, giUnitVec3 const& guess,
                                            giAngle const& angle, giUnitVec3coDynArr const& normals, int k);
@@ -271,7 +300,10 @@ GFIT_EXPORT int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoi
 // Up to `count` distinct cones with an RMS below `tolerance`, found from random axis
 // directions drawn first along `normals` (used as preferred directions), and appended to
 // `results` (distinct: apexes `tolerance` apart or axes and half-angles `angle` apart).
-// Returns the number of elements of `results` (0 for fewer than 6 points).
+// Each attempt starts and refines on at most 2000 points spread evenly through the array; a
+// cone within the tolerance there is refined on all the points and kept if within the
+// tolerance there too. Returns the number of elements of `results` (0 for fewer than 6
+// points, and 0 with `results` untouched when the host cancels).
 GFIT_EXPORT int gfCalculateMultipleLeastSquareCones(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                                     double tolerance, giAngle const& angle, int count,
                                                     gfFittedConecoDynArr& results);
@@ -282,8 +314,12 @@ namespace gfit::detail {
 // apex runs to infinity (sin(theta) < 1e-12) or anything is not finite.
 GFIT_EXPORT bool cone_outputs(mlVector const& p, double value, giPoint3& apex, giUnitVec3& axis, double& half_angle,
                               double& residual);
-// Whether cone parameters with mean squared distance `value` are a result the points
-// determine (see leastsquares/refusal.h): a finite value, an apex within 1e6 `extent` of the
-// points' centroid, a Jacobian of full rank. Records the reason when they are not.
+// The same for parameters whose axis point is measured from `origin`.
+GFIT_EXPORT bool cone_outputs(mlVector const& p, giPoint3 const& origin, double value, giPoint3& apex,
+                              giUnitVec3& axis, double& half_angle, double& residual);
+// Whether cone parameters of `problem` (in its frame: the axis point measured from its
+// frame origin) with mean squared distance `value` are a result the points determine (see
+// leastsquares/refusal.h): a finite value, an apex within 1e6 `extent` of the points'
+// centroid, a Jacobian of full rank. Records the reason when they are not.
 GFIT_EXPORT bool cone_determined(gfLeastSquareDistance3& problem, mlVector const& p, double value, double extent);
 }  // namespace gfit::detail

@@ -14,6 +14,7 @@
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
+#include "gfit/platform/report.h"
 #include "gfit/platform/sort.h"
 #include "gfit/utilities/direction_sampling.h"
 
@@ -21,6 +22,9 @@ using gfit::detail::CentredPoints;
 
 namespace {
 constexpr double kPi = 3.141592653589793;
+
+// Solver iterations of a fixed-axis fit that makes a start within a bounded search.
+constexpr int kStartIterations = 200;
 
 // Every cone fit runs the solver strict, with room for the slow approach of near-cylinders.
 void configure(mlLevenbergMarquardt& lm) {
@@ -184,7 +188,12 @@ double gfConeGuessGenerator::fixed_axis_fit(giUnitVec3 const& w, mlVector const&
   mlLevenbergMarquardt lm(problem);
   configure(lm);
   mlVector result(4);
-  if (!std::isfinite(lm.fit(start, result))) return DBL_MAX;
+  // Within a search the fit only makes a start: it is capped at kStartIterations and
+  // charged at half the weight of the full problem's iterations (four parameters, not
+  // eight).
+  const double value = budget_ ? budget_->fit(lm, problem.n_points(), kStartIterations, start, result, 0.5)
+                               : lm.fit(start, result);
+  if (!std::isfinite(value)) return DBL_MAX;
   problem.to_cone(result, parameters);
   return checked_deviation(parameters);
 }
@@ -318,22 +327,28 @@ namespace {
 // filed as equal, so that among exact interpolations (six points admit several cones) a
 // physical one is chosen: while the chosen cone is exact but not physical every start is
 // refined, and the search stops once it has an exact cone that is physical and accepted.
+//
+// The solver works in a frame centred on the points (gfLeastSquareCone with a frame
+// origin); the candidates are filed in world coordinates, as the choice among them reads
+// them, and the search keeps each one's frame parameters beside it. Every solver run is
+// charged to the search's budget, which also caps it.
 class ConeSearch {
  public:
   static constexpr double kPromising = 100.0;
   static constexpr int kCrawls = 2;
 
   ConeSearch(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals, giUnitVec3 const& guess,
-             giAngle const& angle, double tolerance)
-      : points_(points), problem_(points), lm_(problem_), range_(problem_.range()), tolerance_(tolerance),
-        floor_(points.count() * (1e-12 * range_) * (1e-12 * range_)),
+             giAngle const& angle, double tolerance, giPoint3 const& origin, gfit::detail::SearchBudget& budget)
+      : points_(points), origin_(origin), problem_(points, origin), lm_(problem_), range_(problem_.range()),
+        tolerance_(tolerance), floor_(points.count() * (1e-12 * range_) * (1e-12 * range_)),
         results_(utObserverPtr<giPoint3coDynArr const>(&points), utObserverPtr<giUnitVec3coDynArr const>(&normals),
-                 guess.invalid() ? giVector3() : giVector3(guess), angle, range_, tolerance) {
+                 guess.invalid() ? giVector3() : giVector3(guess), angle, range_, tolerance),
+        budget_(budget) {
     configure(lm_);
   }
 
   bool promising(double deviation) const {
-    if (!(deviation < DBL_MAX) || crawls_ >= kCrawls) return false;
+    if (!(deviation < DBL_MAX) || crawls_ >= kCrawls || !budget_.go_on()) return false;
     mlVector chosen(8);
     double value = DBL_MAX;
     results_.get_best(value, chosen);
@@ -342,14 +357,27 @@ class ConeSearch {
     return value == DBL_MAX || (value <= floor_ && !physical) || deviation <= kPromising * value;
   }
 
-  // Refines a promising start and files the result.
+  // Refines a promising start (world coordinates) and files the result.
   void refine(double deviation, mlVector const& start) {
     if (!promising(deviation)) return;
-    const double value = lm_.fit(start, result_) * points_.count();
+    mlVector local = start;
+    local[0] -= origin_.x();
+    local[1] -= origin_.y();
+    local[2] -= origin_.z();
+    // One run may spend at most a quarter of what is left, so that a crawl leaves room for others.
+    const int m = points_.count();
+    const int cap = static_cast<int>(std::min(10000.0, budget_.left() / (4.0 * m)));
+    const double mean_square = budget_.fit(lm_, m, std::max(cap, 1), local, result_);
+    const double value = mean_square * points_.count();
     if (lm_.termination() == mlLevenbergMarquardt::iteration_limit) ++crawls_;
     if (!std::isfinite(value)) return;
     const double filed = std::max(value, floor_);
-    results_.add(filed, result_);
+    mlVector world = result_;
+    world[0] += origin_.x();
+    world[1] += origin_.y();
+    world[2] += origin_.z();
+    results_.add(filed, world);
+    filed_.push_back({world, result_});
     smallest_ = std::min(smallest_, filed);
   }
 
@@ -357,24 +385,42 @@ class ConeSearch {
   // The smallest sum of squares filed, whatever its slot: the measure of progress.
   double smallest() const { return smallest_; }
 
-  // The chosen cone and its mean squared distance; false when there is none.
+  // The chosen cone (in the frame) and its mean squared distance; false when there is none.
   bool best(mlVector& parameters, double& mean_square) {
     double value = DBL_MAX;
-    results_.get_best(value, parameters);
+    mlVector world(8);
+    results_.get_best(value, world);
     if (!(value < DBL_MAX)) return false;
-    problem_.set_parameters(parameters);
-    mean_square = problem_.sum_of_squares() / points_.count();
-    return true;
+    for (Filed const& f : filed_)
+      if (bitwise_equal(f.world, world)) {
+        parameters = f.local;
+        problem_.set_parameters(parameters);
+        mean_square = problem_.sum_of_squares() / points_.count();
+        return true;
+      }
+    return false;
   }
 
  private:
+  struct Filed {
+    mlVector world, local;
+  };
+  static bool bitwise_equal(mlVector const& a, mlVector const& b) {
+    for (int k = 0; k < 8; ++k)
+      if (!(a[k] == b[k])) return false;
+    return true;
+  }
+
   giPoint3coDynArr const& points_;
+  giPoint3 origin_;
   gfLeastSquareCone problem_;
   mlLevenbergMarquardt lm_;
   double range_;
   double tolerance_;
   double floor_;  // the sum of squares of an exact fit
   gfLeastSquareConeResults results_;
+  gfit::detail::SearchBudget& budget_;
+  std::vector<Filed> filed_;
   mlVector result_ = mlVector(8);
   double smallest_ = DBL_MAX;
   int crawls_ = 0;  // refinements that ran to the iteration limit
@@ -420,7 +466,7 @@ void deterministic_starts(ConeSearch& search, gfConeGuessGenerator& generator, g
 // exact fit, or once two batches in a row improved the smallest sum of squares by no more
 // than 1e-6 relatively.
 void random_batches(ConeSearch& search, gfConeGuessGenerator& generator, giUnitVec3 const& guess,
-                    giAngle const& angle) {
+                    giAngle const& angle, gfit::detail::SearchBudget& budget) {
   constexpr int kBatches = 8, kDirections = 100;
   CentredPoints const& centred = generator.centred_points();
   const double scale = generator.scale();
@@ -431,14 +477,17 @@ void random_batches(ConeSearch& search, gfConeGuessGenerator& generator, giUnitV
   mlRandom random(1);
   mlVector start(8);
   int stale = 0;
-  for (int batch = 0; batch < kBatches && !search.exact() && stale < 2; ++batch) {
+  for (int batch = 0; batch < kBatches && !search.exact() && stale < 2 && budget.go_on(); ++batch) {
+    int fits = 0;
     for (int j = 0; j < kDirections; ++j) {
       directions[j] = gfit::detail::hemisphere_direction(random);
       used[j] = guess.invalid() || std::fabs(guess.dot(directions[j])) >= angle.cos();
+      fits += used[j];
     }
     gfit::detail::parallel_for(kDirections, threads, [&](int j, int) {
       fitted[j] = used[j] && linear_cone(centred, scale, directions[j], cones[j]);
     });
+    budget.charge(0.5 * fits * centred.count());  // two light passes each
     int chosen = -1;
     double least = DBL_MAX;
     for (int j = 0; j < kDirections; ++j)  // the strictly smallest sum; the first index wins a tie
@@ -456,6 +505,22 @@ void random_batches(ConeSearch& search, gfConeGuessGenerator& generator, giUnitV
     stale = improved ? 0 : stale + 1;
   }
 }
+
+}  // namespace
+
+namespace {
+
+// The search ranks its starts on at most this many points (SearchSubset), spread evenly
+// through the array, and refines its choice on all of them.
+constexpr int kSearchPoints = 2000;
+// Work bounds in point evaluations per point worked on: the search on the subset, and the
+// refinement of its choice on all the points. A cone search on points that hold a cone
+// spends a few thousand per point (most of it in a few dozen strict solver runs); on points
+// that hold none (a plane, whose best "cone" lies at infinity) the strict solver would
+// crawl towards infinity for its 10000 iterations per run, and the bound stops it.
+constexpr double kSearchWork = 2000.0;
+constexpr int kLeastCharged = 1000;  // smaller subsets get the budget of this many points
+constexpr double kRefineWork = 30.0;
 
 }  // namespace
 
@@ -478,31 +543,54 @@ int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, g
                                  std::isfinite(axis.y()) && std::isfinite(axis.z()) && std::isfinite(half_angle) &&
                                  std::fabs(std::sin(half_angle)) >= 1e-12;
     if (previous_usable) {
-      gfLeastSquareCone problem(points);
+      const giPoint3 origin = gfit::detail::mean_of(points.data(), n);
+      gfLeastSquareCone problem(points, origin);
       mlLevenbergMarquardt lm(problem);
       configure(lm);
-      mlVector previous{apex.x(), apex.y(), apex.z(), axis.x(), axis.y(), axis.z(), 0.0, half_angle}, result(8);
+      mlVector previous{apex.x() - origin.x(), apex.y() - origin.y(), apex.z() - origin.z(), axis.x(), axis.y(),
+                        axis.z(), 0.0, half_angle},
+          result(8);
       double value = 0.0;
       if (gfit::detail::refine_grown_fit(problem, lm, problem.range(), previous, k, result, value)) {
         if (!gfit::detail::cone_determined(problem, result, value, spread.extent)) return 0;
-        if (gfit::detail::cone_outputs(result, value, apex, axis, half_angle, residual))
+        if (gfit::detail::cone_outputs(result, origin, value, apex, axis, half_angle, residual))
           return gfit::detail::succeed();
       }
+      if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
     }
   }
 
-  ConeSearch search(points, normals, guess, angle, tolerance);
-  gfConeGuessGenerator generator(points, normals);
-  deterministic_starts(search, generator, normals, guess, n);
-  random_batches(search, generator, guess, angle);
+  gfit::detail::SearchSubset subset(points, normals, kSearchPoints);
+  giPoint3coDynArr const& some = subset.points();
+  gfit::detail::SearchBudget budget(kSearchWork * std::max(some.count(), kLeastCharged));
+  gfConeGuessGenerator generator(some, subset.normals());
+  generator.bound_work(&budget);
+  const giPoint3 origin = generator.centroid();
+  ConeSearch search(some, subset.normals(), guess, angle, tolerance, origin, budget);
+  deterministic_starts(search, generator, subset.normals(), guess, some.count());
+  random_batches(search, generator, guess, angle, budget);
+  if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
 
   mlVector best(8);
   double mean_square = 0.0;
-  if (!search.best(best, mean_square)) return refuse(gfReason::no_convergence);
-  gfLeastSquareCone problem(points);
+  if (!search.best(best, mean_square)) return refuse(gfReason::no_convergence, "no cone found");
+  // The chosen cone on all the points, in the search's frame: refined there when the search
+  // worked on a subset, then judged there.
+  gfLeastSquareCone problem(points, origin);
+  if (!subset.all()) {
+    mlLevenbergMarquardt lm(problem);
+    configure(lm);
+    gfit::detail::SearchBudget refinement(kRefineWork * n);
+    mlVector result(8);
+    const double value = refinement.fit(lm, n, 10000, best, result);
+    if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
+    if (!std::isfinite(value)) return refuse(gfReason::no_convergence, "no cone found");
+    best = result;
+    mean_square = value;
+  }
   if (!gfit::detail::cone_determined(problem, best, mean_square, spread.extent)) return 0;
-  if (!gfit::detail::cone_outputs(best, mean_square, apex, axis, half_angle, residual))
-    return refuse(gfReason::not_determined);
+  if (!gfit::detail::cone_outputs(best, origin, mean_square, apex, axis, half_angle, residual))
+    return refuse(gfReason::not_determined, "the points do not determine the cone: its apex runs to infinity");
   return gfit::detail::succeed();
 }
 
@@ -516,31 +604,55 @@ int gfCalculateMultipleLeastSquareCones(giPoint3coDynArr const& points, giUnitVe
   if (!gfit::detail::check_points(points, 6, gfit::detail::Span::space, &spread)) return 0;
   // The normals only steer the random directions: any number of them, each set and finite.
   if (!gfit::detail::all_valid(normals)) return refuse(gfReason::non_finite_input, "a normal is unset or not finite");
-  const int found_before = results.count();
+  // Each attempt starts and refines on the subset; a cone within the tolerance there is
+  // refined on all the points and kept if it is within the tolerance there too and the
+  // points determine it.
+  const giUnitVec3coDynArr no_normals;
+  gfit::detail::SearchSubset subset(points, no_normals, kSearchPoints);
+  giPoint3coDynArr const& some = subset.points();
+  gfFittedConecoDynArr found = results;  // the caller's list is left alone if cancelled
+  const int found_before = found.count();
   const giAngle cone = giAngle::from_degrees(30.0), second_cone = giAngle::from_degrees(30.0);
   gfRandDirGenMulti directions(1000.0, normals, cone, 0.9);
-  const giUnitVec3coDynArr no_normals;
-  gfConeGuessGenerator generator(points, no_normals);
-  gfLeastSquareCone problem(points);
-  mlLevenbergMarquardt lm(problem);
+  gfConeGuessGenerator generator(some, no_normals);
+  const giPoint3 origin = generator.centroid();
+  gfLeastSquareCone problem(some, origin), all(points, origin);
+  mlLevenbergMarquardt lm(problem), lm_all(all);
   configure(lm);
-  mlVector start(8), second(8), result(8);
-  for (int attempt = 0; attempt < count * 150 && results.count() < count; ++attempt) {
+  configure(lm_all);
+  gfit::detail::SearchBudget budget(kSearchWork * std::max(some.count(), kLeastCharged) * std::max(1, count));
+  mlVector start(8), second(8), result(8), refined(8);
+  const long long attempts = 150LL * count;
+  for (long long attempt = 0; attempt < attempts && found.count() < count && budget.go_on(); ++attempt) {
     const giUnitVec3 d = directions.direction();
+    budget.charge(4.0 * some.count());  // two linear starts
     const double e = generator.get_guess_linear(d, start);
     if (!(e < DBL_MAX)) continue;
     gfRandDirGenerator nearby(1.1, d, second_cone, 0.1);
     if (generator.get_guess_linear(nearby.rand_vec_bias_region(), second) < e) start = second;
-    const double rms = std::sqrt(lm.fit(start, result));
+    start[0] -= origin.x();
+    start[1] -= origin.y();
+    start[2] -= origin.z();
+    double rms = std::sqrt(budget.fit(lm, some.count(), 10000, start, result));
+    if (!(rms < tolerance)) continue;
+    if (!subset.all()) {
+      gfit::detail::SearchBudget refinement(kRefineWork * n);
+      rms = std::sqrt(refinement.fit(lm_all, n, 10000, result, refined));
+      if (!(rms < tolerance)) continue;
+      result = refined;
+    }
     giPoint3 apex;
     giUnitVec3 axis;
     double theta = 0.0, deviation = 0.0;
-    // Only cones that the points determine (see leastsquares/refusal.h).
-    if (rms < tolerance && gfit::detail::cone_determined(problem, result, rms * rms, spread.extent) &&
-        gfit::detail::cone_outputs(result, rms * rms, apex, axis, theta, deviation))
+    // Only cones that all the points determine (see leastsquares/refusal.h), judged in the
+    // frame of the solver's parameters.
+    if (gfit::detail::cone_determined(all, result, rms * rms, spread.extent) &&
+        gfit::detail::cone_outputs(result, origin, rms * rms, apex, axis, theta, deviation))
       gfLeastSquareCone::add_distinct_result(gfFittedCone(apex, axis, giAngle(theta), deviation), tolerance, angle,
-                                             results);
+                                             found);
   }
+  if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
+  results = found;
   if (results.count() == found_before) refuse(gfReason::no_convergence, "no cone within the tolerance");
   else gfit::detail::succeed();
   return results.count();

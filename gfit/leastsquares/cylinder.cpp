@@ -11,6 +11,7 @@
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
 #include "gfit/platform/random.h"
+#include "gfit/platform/report.h"
 #include "gfit/platform/shapes.h"
 #include "gfit/platform/workplane.h"
 #include "gfit/utilities/direction_sampling.h"
@@ -44,20 +45,30 @@ int gfFittedCylinder::invalid() const {
 
 gfLeastSquareCylinder::gfLeastSquareCylinder(giPoint3coDynArr const& points)
     : gfLeastSquareDistance3(7, points), dF_(6), dG_(6) {}
+gfLeastSquareCylinder::gfLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3 const& origin)
+    : gfLeastSquareDistance3(7, points), origin_{origin.x(), origin.y(), origin.z()}, dF_(6), dG_(6) {}
 gfLeastSquareCylinder::~gfLeastSquareCylinder() = default;
 
 void gfLeastSquareCylinder::normalize_parameters(mlVector& p) const { gfit::detail::canonical_axis(p); }
 
+namespace {
+// Point i measured from the frame origin (itself when that is the coordinate origin).
+inline giPoint3 from_origin(giPoint3 const& q, double const* origin) {
+  return giPoint3(q.x() - origin[0], q.y() - origin[1], q.z() - origin[2]);
+}
+}  // namespace
+
 void gfLeastSquareCylinder::get_distance(double& d, int i) const {
   mlVector const& p = parameters();
   giUnitVec3 u(p[3], p[4], p[5]);
-  d = u.cross(points()[i] - giPoint3(p[0], p[1], p[2])).length() - p[6];
+  d = u.cross(from_origin(points()[i], origin_) - giPoint3(p[0], p[1], p[2])).length() - p[6];
 }
 
 void gfLeastSquareCylinder::get_distance_and_gradient(double& d, mlVector& g, int i) const {
   mlVector const& p = parameters();
   double F = 0.0, G = 0.0;
-  F_G_and_derivatives(giPoint3(p[0], p[1], p[2]), giUnitVec3(p[3], p[4], p[5]), points()[i], F, dF_, G, dG_);
+  F_G_and_derivatives(giPoint3(p[0], p[1], p[2]), giUnitVec3(p[3], p[4], p[5]), from_origin(points()[i], origin_), F,
+                      dF_, G, dG_);
   d = G - p[6];
   for (int k = 0; k < 6; ++k) g[k] = dG_[k];
   g[6] = -1.0;
@@ -72,7 +83,7 @@ void gfLeastSquareCylinder::offset_block(double const* offsets, int first, int c
                                          double* squares, double* jacobian, int ld) const {
   // The per-point operations in one loop, with the unit direction formed once.
   mlVector const& p = parameters();
-  const gfit::detail::AxisFrame frame(p);
+  const gfit::detail::AxisFrame frame(p, origin_);
   const double r = p[6];
   giPoint3 const* q = points().data() + first;
   gfit::detail::AxialPoint a;
@@ -102,7 +113,7 @@ void gfLeastSquareCylinder::parameter_scales(mlVector& s) const {
   double lo = 0.0, hi = 0.0;
   bool first = true;
   for (giPoint3 const& q : points()) {
-    double F = u.dot(q - P);
+    double F = u.dot(from_origin(q, origin_) - P);
     if (first || F < lo) lo = F;
     if (first || F > hi) hi = F;
     first = false;
@@ -162,10 +173,11 @@ bool circle_through(giPoint3 const& a, giPoint3 const& b, giPoint3 const& c, giU
 }
 
 // Fits the projected circles of `directions` in order, on the allowed threads, a chunk at
-// a time, handing each result to `visit` in order until it returns false.
+// a time, handing each result to `visit` in order until it returns false. Returns the
+// number of circles fitted.
 template <class Visit>
-void fit_directions_in_order(std::vector<giUnitVec3> const& directions, std::vector<CircleAlongDirection>& fitters,
-                             Visit visit) {
+int fit_directions_in_order(std::vector<giUnitVec3> const& directions, std::vector<CircleAlongDirection>& fitters,
+                            int steps, Visit visit) {
   const int threads = static_cast<int>(fitters.size());
   const int chunk = threads == 1 ? 1 : 8 * threads;
   std::vector<ProjectedCircle> circles(chunk);
@@ -174,11 +186,12 @@ void fit_directions_in_order(std::vector<giUnitVec3> const& directions, std::vec
   for (int start = 0; start < total; start += chunk) {
     const int count = std::min(chunk, total - start);
     gfit::detail::parallel_for(count, threads, [&](int i, int worker) {
-      fitted[i] = fitters[worker].fit(directions[start + i], circles[i]);
+      fitted[i] = fitters[worker].fit(directions[start + i], circles[i], steps);
     });
     for (int i = 0; i < count; ++i)
-      if (!visit(start + i, fitted[i] != 0, circles[i])) return;
+      if (!visit(start + i, fitted[i] != 0, circles[i])) return start + count;
   }
+  return total;
 }
 
 std::vector<CircleAlongDirection> make_fitters(CentredPoints const& centred, int items) {
@@ -186,9 +199,15 @@ std::vector<CircleAlongDirection> make_fitters(CentredPoints const& centred, int
   return std::vector<CircleAlongDirection>(threads, CircleAlongDirection(centred));
 }
 
-}  // namespace
+// Point evaluations of one circle fit of `steps` Gauss-Newton steps, per point: the
+// projection, the pass at the algebraic circle and one pass per step.
+double circle_work(int steps) { return 2.0 + steps; }
 
-int gfCylinder_InitialSolution(giPoint3coDynArr const& points, giVector3& direction) {
+// gfCylinder_InitialSolution with the caller's fitters (over the same points, centred),
+// their circles taking at most `circle_steps` Gauss-Newton steps; the walk stops early when
+// the budget (if any) is spent or the host cancels.
+void initial_solution(giPoint3coDynArr const& points, std::vector<CircleAlongDirection>& fitters, int circle_steps,
+                      gfit::detail::SearchBudget* budget, giVector3& direction) {
   const int n = points.count();
   bool have_six = false;
   giVector3 six;
@@ -206,8 +225,6 @@ int gfCylinder_InitialSolution(giPoint3coDynArr const& points, giVector3& direct
   if (v.length() < 1e-7) v = giVector3(1.0, 0.0, 0.0);
 
   if (n >= 3) {
-    CentredPoints centred(points);
-    std::vector<CircleAlongDirection> fitters = make_fitters(centred, 100);
     double best = DBL_MAX;
     int steps = 20;
     double angle = kPi;
@@ -218,44 +235,86 @@ int gfCylinder_InitialSolution(giPoint3coDynArr const& points, giVector3& direct
       for (gfVectorGradientIterator it = gradient.iterator(); it++;) directions.push_back(it.vector().unit());
       const giVector3 old_v = v;
       double next_angle = kPi;
-      fit_directions_in_order(directions, fitters, [&](int i, bool fitted, ProjectedCircle const& c) {
-        if (fitted && c.largest_error < best) {
-          best = c.largest_error;
-          v = directions[i];
-          next_angle = 1.5 * gradient.step_angle();
-        }
-        return !(best < 0.1);  // round within a tenth: walk no further
-      });
+      bool stopped = false;
+      const int fitted_count =
+          fit_directions_in_order(directions, fitters, circle_steps, [&](int i, bool fitted, ProjectedCircle const& c) {
+            if (fitted && c.largest_error < best) {
+              best = c.largest_error;
+              v = directions[i];
+              next_angle = 1.5 * gradient.step_angle();
+            }
+            if (budget && (i & 63) == 63 && !budget->charge(64 * circle_work(circle_steps) * n)) stopped = true;
+            return !(best < 0.1) && !stopped;  // round within a tenth: walk no further
+          });
+      if (budget) budget->charge((fitted_count & 63) * circle_work(circle_steps) * n);
+      if (stopped || (budget && !budget->go_on())) break;
       angle = next_angle;  // pi again when nothing improved
       if (old_v.unit().dot(v.unit()) > 0.99) break;
       steps = std::max(2, static_cast<int>(std::sqrt(static_cast<double>(steps))));
     }
   }
   direction = have_six ? six : v;
+}
+
+}  // namespace
+
+int gfCylinder_InitialSolution(giPoint3coDynArr const& points, giVector3& direction) {
+  CentredPoints centred(points);
+  std::vector<CircleAlongDirection> fitters = make_fitters(centred, 100);
+  initial_solution(points, fitters, CircleAlongDirection::default_steps, nullptr, direction);
   return 1;
 }
 
 // ---- the full computation ---------------------------------------------------------------
+//
+// The search runs phase A's deterministic axes and phase B's passes of seed-1 random
+// batches on at most kSearchPoints points spread evenly through the array, in a frame
+// centred on them, refines its winner on all the points and judges whether the points
+// determine it there. See the header.
 
 namespace {
 
+using gfit::detail::SearchBudget;
+
+constexpr int kSearchPoints = 2000;
+// Work bound of the search, in point evaluations per point of the subset. Phase A and the
+// eight passes of phase B cost about 1e5 per point at the most, so those steps always
+// run to their end; the bound only guarantees that nothing can run away.
+constexpr double kSearchWork = 2e5;
+// Candidates are ranked by the algebraic circle of their projected points, and those within
+// kContender of a batch's best are fitted to convergence (gfit::detail::best_projected_circle);
+// the ring walk ranks by the algebraic circle's roundness.
+constexpr int kRankingSteps = 0;
+constexpr double kContender = 2.0;
+constexpr int kFinishSteps = 50;
+
 struct Solution {
   double value = DBL_MAX;
-  mlVector parameters = mlVector(7);
+  mlVector parameters = mlVector(7);  // axis point from the frame origin, direction, radius
 };
 
 void set_candidate(ProjectedCircle const& c, giUnitVec3 const& d, mlVector& p) {
-  p[0] = c.centre.x();
-  p[1] = c.centre.y();
-  p[2] = c.centre.z();
+  p[0] = c.offset.x();
+  p[1] = c.offset.y();
+  p[2] = c.offset.z();
   p[3] = d.x();
   p[4] = d.y();
   p[5] = d.z();
   p[6] = c.radius;
 }
 
+// Parameters in world coordinates of parameters measured from `origin`.
+mlVector to_world(mlVector const& p, giPoint3 const& origin) {
+  mlVector w = p;
+  w[0] += origin.x();
+  w[1] += origin.y();
+  w[2] += origin.z();
+  return w;
+}
+
 // The test of a solution (see leastsquares/refusal.h): a finite value, a positive radius
-// within the size bound, and a Jacobian of full rank. Records the reason when it fails.
+// within the size bound, and a Jacobian of full rank. `p` is in the frame of `problem` (the
+// axis point measured from its frame origin). Records the reason when it fails.
 bool determined_cylinder(gfLeastSquareDistance3& problem, mlVector const& p, double value, double extent) {
   using gfit::detail::refuse;
   if (!std::isfinite(value)) return refuse(gfReason::no_convergence) != 0;
@@ -266,12 +325,164 @@ bool determined_cylinder(gfLeastSquareDistance3& problem, mlVector const& p, dou
   return true;
 }
 
-void write_outputs(mlVector const& p, double value, giPoint3& point, giUnitVec3& direction, double& radius,
-                   double& residual) {
-  direction = giUnitVec3(p[3], p[4], p[5]);
+// The outputs of parameters measured from `origin` (normalised there: the axis point is the
+// foot from `origin`). The axis point given back is the foot of the perpendicular from the
+// coordinate origin, as the normalised parameters of the problem in world coordinates have
+// it: origin + p - (origin . u) u, the large terms formed first.
+void write_outputs(mlVector const& p, double value, giPoint3 const& origin, giPoint3& point, giUnitVec3& direction,
+                   double& radius, double& residual) {
+  const giUnitVec3 u(p[3], p[4], p[5]);
+  const double t = origin.x() * u.x() + origin.y() * u.y() + origin.z() * u.z();
+  direction = u;
   radius = p[6];
-  point = giPoint3(p[0], p[1], p[2]);
+  point = giPoint3((origin.x() - t * u.x()) + p[0], (origin.y() - t * u.y()) + p[1], (origin.z() - t * u.z()) + p[2]);
   residual = std::sqrt(value);
+}
+
+// Phases A and B over the points of one subset, in a frame centred on them.
+class CylinderSearch {
+ public:
+  CylinderSearch(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals, giUnitVec3 const& guess,
+                 giAngle const& angle, SearchBudget& budget)
+      : points_(points), normals_(normals), guess_(guess), angle_(angle), centred_(points),
+        problem_(points, centred_.centroid()), lm_(problem_), range_(problem_.range()), budget_(budget),
+        fitters_(make_fitters(centred_, 100)) {}
+
+  giPoint3 const& origin() const { return centred_.centroid(); }
+  Solution const& best_ok() const { return best_ok_; }
+  Solution const& best_any() const { return best_any_; }
+
+  void run() {
+    phase_a();
+    phase_b();
+  }
+
+ private:
+  bool agrees(mlVector const& p, giAngle const& limit) const {
+    mlVector world = to_world(p, origin());
+    return gfLeastSquareCylinder::are_normals_in_limit(points_, limit, guess_, normals_, world) == 1;
+  }
+
+  // Runs the solver from `start_` and files its solution.
+  void refine(giAngle const& limit) {
+    const double value = budget_.fit(lm_, points_.count(), mlLevenbergMarquardt::default_max_iterations, start_,
+                                      result_);
+    if (!std::isfinite(value)) return;
+    const bool ok = agrees(result_, limit);
+    if (ok && value < best_ok_.value) {
+      best_ok_.value = value;
+      best_ok_.parameters = result_;
+    }
+    if (value < best_any_.value) {
+      best_any_.value = value;
+      best_any_.parameters = result_;
+    }
+  }
+
+  // Phase A's fit from a direction, judged with a 10-degree limit.
+  void fit_from_direction(giVector3 const& direction) {
+    const giUnitVec3 d = direction.unit();
+    ProjectedCircle circle;
+    if (!budget_.go_on() || d.invalid() || !fitters_[0].fit(d, circle, kFinishSteps)) return;
+    budget_.charge(circle_work(kFinishSteps) * points_.count());
+    set_candidate(circle, d, start_);
+    refine(giAngle::from_degrees(10.0));
+  }
+
+  // Three deterministic axes (the ring walk, the farthest pair, the plane of the normals),
+  // and the caller's guess axis when there is one.
+  void phase_a() {
+    const int n = points_.count();
+    giVector3 initial;
+    initial_solution(points_, fitters_, kRankingSteps, &budget_, initial);
+    fit_from_direction(initial);
+    int a = 0, b = 0;
+    double far = -1.0;
+    for (int i = 1; i < n; ++i)
+      if (points_[i].squared_distance(points_[0]) > far) {
+        far = points_[i].squared_distance(points_[0]);
+        a = i;
+      }
+    far = -1.0;
+    for (int i = 0; i < n; ++i)
+      if (points_[i].squared_distance(points_[a]) > far) {
+        far = points_[i].squared_distance(points_[a]);
+        b = i;
+      }
+    const giVector3 span = points_[a] - points_[b];
+    if (span.length() > 0.0) fit_from_direction(span);
+    if (normals_.count() > 2) {
+      giPoint3coDynArr tips(normals_.count(), 16);
+      for (giUnitVec3 const& u : normals_) tips.append(giPoint3(u.x(), u.y(), u.z()));
+      giPoint3 plane_point;
+      giUnitVec3 plane_normal;
+      double rms = 0.0;
+      if (gfLeastSquareEvaluator::evaluate_plane(tips, plane_point, plane_normal, rms))
+        fit_from_direction(plane_normal);
+    }
+    if (!guess_.invalid()) fit_from_direction(guess_);
+  }
+
+  // Batches of 100 random directions in one hemisphere (seed 1 in every pass); the best
+  // candidate of each batch is refined.
+  void phase_b() {
+    const int m = points_.count();
+    const double cos_25 = giAngle::from_degrees(25.0).cos();
+    std::vector<giUnitVec3> candidates(100);
+    std::vector<char> used(100), fitted(100);
+    std::vector<ProjectedCircle> circles(100);
+    for (int pass = 0; pass <= gfLeastSquareDistance3::num_guess_directions(); ++pass) {
+      if (pass >= 1 && best_ok_.value < range_ * 0.001) break;  // compares an area with a length, as the fit always has
+      bool restricted = false;
+      giUnitVec3 pass_direction;
+      double cos_cone = 1.0;
+      if (pass >= 1) {
+        restricted = true;
+        if (normals_.count() == 0) {
+          if (guess_.invalid() || pass > 1) break;
+          pass_direction = guess_;
+          cos_cone = angle_.cos();
+        } else {
+          pass_direction = gfLeastSquareDistance3::guess_direction(pass - 1);
+          cos_cone = cos_25;
+        }
+      }
+      mlRandom random(1);
+      for (int batch = 0; batch < 20; ++batch) {
+        if (!budget_.go_on()) return;
+        for (int j = 0; j < 100; ++j) {
+          candidates[j] = gfit::detail::hemisphere_direction(random);
+          used[j] = !restricted || std::fabs(pass_direction.dot(candidates[j])) >= cos_cone;
+        }
+        gfit::detail::RankingWork work;
+        const int chosen = gfit::detail::best_projected_circle(fitters_, candidates, used, circles, fitted, kContender,
+                                                               kFinishSteps, work);
+        budget_.charge((work.fits * circle_work(0) + work.finished * circle_work(kFinishSteps)) * m);
+        if (chosen < 0) continue;
+        set_candidate(circles[chosen], candidates[chosen], start_);
+        refine(angle_);
+      }
+    }
+  }
+
+  giPoint3coDynArr const& points_;
+  giUnitVec3coDynArr const& normals_;
+  giUnitVec3 const& guess_;
+  giAngle const& angle_;
+  CentredPoints centred_;
+  gfLeastSquareCylinder problem_;
+  mlLevenbergMarquardt lm_;
+  double range_;
+  SearchBudget& budget_;
+  std::vector<CircleAlongDirection> fitters_;
+  Solution best_ok_, best_any_;
+  mlVector start_ = mlVector(7), result_ = mlVector(7);
+};
+
+bool same(mlVector const& a, mlVector const& b) {
+  for (int k = 0; k < 7; ++k)
+    if (a[k] != b[k]) return false;
+  return true;
 }
 
 }  // namespace
@@ -292,128 +503,62 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
   if (k != 0 && (k < 0 || k + 5 <= n)) {
     const bool previous_usable = point.finite() && !direction.invalid() && std::isfinite(radius);
     if (previous_usable) {
-      gfLeastSquareCylinder problem(points);
+      const giPoint3 origin = gfit::detail::mean_of(points.data(), n);
+      gfLeastSquareCylinder problem(points, origin);
       mlLevenbergMarquardt lm(problem);
-      mlVector previous{point.x(), point.y(), point.z(), direction.x(), direction.y(), direction.z(), radius};
+      mlVector previous{point.x() - origin.x(), point.y() - origin.y(), point.z() - origin.z(), direction.x(),
+                        direction.y(), direction.z(), radius};
       mlVector result(7);
       double value = 0.0;
       if (gfit::detail::refine_grown_fit(problem, lm, problem.range(), previous, k, result, value)) {
         if (!determined_cylinder(problem, result, value, spread.extent)) return 0;
-        write_outputs(result, value, point, direction, radius, residual);
+        write_outputs(result, value, origin, point, direction, radius, residual);
         return gfit::detail::succeed();
       }
+      if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
     }
   }
 
-  gfLeastSquareCylinder problem(points);
-  mlLevenbergMarquardt lm(problem);
-  const double R = problem.range();
-  Solution best_ok, best_any;
-  mlVector start(7), result(7);
-  auto keep = [&](double value, bool agrees) {
-    if (agrees && value < best_ok.value) {
-      best_ok.value = value;
-      best_ok.parameters = result;
-    }
-    if (value < best_any.value) {
-      best_any.value = value;
-      best_any.parameters = result;
-    }
-  };
-
-  CentredPoints centred(points);
-  std::vector<CircleAlongDirection> fitters = make_fitters(centred, 100);
-
-  // Phase A: three deterministic axis guesses, each judged with a 10-degree limit.
-  const giAngle phase_a_limit = giAngle::from_degrees(10.0);
-  auto fit_from_direction = [&](giVector3 const& guess_direction) {
-    giUnitVec3 d = guess_direction.unit();
-    ProjectedCircle circle;
-    if (d.invalid() || !fitters[0].fit(d, circle)) return;
-    set_candidate(circle, d, start);
-    const double value = lm.fit(start, result);
-    keep(value, gfLeastSquareCylinder::are_normals_in_limit(points, phase_a_limit, guess, normals, result) == 1);
-  };
-  giVector3 initial;
-  gfCylinder_InitialSolution(points, initial);
-  fit_from_direction(initial);
-  {
-    int a = 0, b = 0;
-    double far = -1.0;
-    for (int i = 1; i < n; ++i)
-      if (points[i].squared_distance(points[0]) > far) {
-        far = points[i].squared_distance(points[0]);
-        a = i;
-      }
-    far = -1.0;
-    for (int i = 0; i < n; ++i)
-      if (points[i].squared_distance(points[a]) > far) {
-        far = points[i].squared_distance(points[a]);
-        b = i;
-      }
-    giVector3 span = points[a] - points[b];
-    if (span.length() > 0.0) fit_from_direction(span);
+  gfit::detail::SearchSubset subset(points, normals, kSearchPoints);
+  SearchBudget budget(kSearchWork * subset.count());
+  CylinderSearch search(subset.points(), subset.normals(), guess, angle, budget);
+  search.run();
+  if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
+  Solution best_ok = search.best_ok(), best_any = search.best_any();
+  if (best_ok.value == DBL_MAX && best_any.value == DBL_MAX)
+    return gfit::detail::refuse(gfReason::no_convergence, "no cylinder found");
+  const giPoint3 origin = search.origin();
+  gfLeastSquareCylinder problem(points, origin);
+  if (!subset.all()) {
+    // The winners refined on all the points, and judged again against all the normals.
+    mlLevenbergMarquardt lm(problem);
+    mlVector result(7);
+    auto refine = [&](Solution& s) {
+      if (s.value == DBL_MAX) return;
+      const double value = lm.fit(s.parameters, result);
+      s.value = std::isfinite(value) ? value : DBL_MAX;
+      s.parameters = result;
+    };
+    const bool one = best_ok.value != DBL_MAX && same(best_ok.parameters, best_any.parameters);
+    refine(best_any);
+    if (one)
+      best_ok = best_any;
+    else
+      refine(best_ok);
+    mlVector world = to_world(best_ok.parameters, origin);
+    if (best_ok.value != DBL_MAX &&
+        gfLeastSquareCylinder::are_normals_in_limit(points, angle, guess, normals, world) != 1)
+      best_ok.value = DBL_MAX;
+    if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
+    if (best_ok.value == DBL_MAX && best_any.value == DBL_MAX)
+      return gfit::detail::refuse(gfReason::no_convergence, "no cylinder found");
   }
-  if (normals.count() > 2) {
-    giPoint3coDynArr tips(normals.count(), 16);
-    for (giUnitVec3 const& u : normals) tips.append(giPoint3(u.x(), u.y(), u.z()));
-    giPoint3 plane_point;
-    giUnitVec3 plane_normal;
-    double rms = 0.0;
-    if (gfLeastSquareEvaluator::evaluate_plane(tips, plane_point, plane_normal, rms)) fit_from_direction(plane_normal);
-  }
-
-  // Phase B: batches of 100 random directions in one hemisphere (seed 1 in every pass); the
-  // best candidate of each batch is refined.
-  const double cos_25 = giAngle::from_degrees(25.0).cos();
-  std::vector<giUnitVec3> candidates(100);
-  std::vector<char> used(100), fitted(100);
-  std::vector<ProjectedCircle> circles(100);
-  for (int pass = 0; pass <= gfLeastSquareDistance3::num_guess_directions(); ++pass) {
-    if (pass >= 1 && best_ok.value < R * 0.001) break;  // compares an area with a length, as the fit always has
-    bool restricted = false;
-    giUnitVec3 pass_direction;
-    double cos_cone = 1.0;
-    if (pass >= 1) {
-      restricted = true;
-      if (normals.count() == 0) {
-        if (guess.invalid() || pass > 1) break;
-        pass_direction = guess;
-        cos_cone = angle.cos();
-      } else {
-        pass_direction = gfLeastSquareDistance3::guess_direction(pass - 1);
-        cos_cone = cos_25;
-      }
-    }
-    mlRandom random(1);
-    for (int batch = 0; batch < 20; ++batch) {
-      for (int j = 0; j < 100; ++j) {
-        candidates[j] = gfit::detail::hemisphere_direction(random);
-        used[j] = !restricted || std::fabs(pass_direction.dot(candidates[j])) >= cos_cone;
-      }
-      gfit::detail::parallel_for(100, static_cast<int>(fitters.size()), [&](int j, int worker) {
-        fitted[j] = used[j] && fitters[worker].fit(candidates[j], circles[j]);
-      });
-      int chosen = -1;
-      double smallest = DBL_MAX;
-      for (int j = 0; j < 100; ++j)  // the strictly smallest sum; the first index wins a tie
-        if (fitted[j] && circles[j].sum_of_squares < smallest) {
-          smallest = circles[j].sum_of_squares;
-          chosen = j;
-        }
-      if (chosen < 0) continue;
-      set_candidate(circles[chosen], candidates[chosen], start);
-      const double value = lm.fit(start, result);
-      keep(value, gfLeastSquareCylinder::are_normals_in_limit(points, angle, guess, normals, result) == 1);
-    }
-  }
-
-  if (best_ok.value == DBL_MAX && best_any.value == DBL_MAX) return refuse(gfReason::no_convergence);
   // Agreement with the normals is given up when it costs more than a thousandth of the
   // range in RMS.
-  if (R * 0.001 < std::sqrt(best_ok.value) - std::sqrt(best_any.value)) best_ok = best_any;
+  if (problem.range() * 0.001 < std::sqrt(best_ok.value) - std::sqrt(best_any.value)) best_ok = best_any;
+  // Judged on all the points (after the refinement on them), in the search's frame.
   if (!determined_cylinder(problem, best_ok.parameters, best_ok.value, spread.extent)) return 0;
-  write_outputs(best_ok.parameters, best_ok.value, point, direction, radius, residual);
+  write_outputs(best_ok.parameters, best_ok.value, origin, point, direction, radius, residual);
   return gfit::detail::succeed();
 }
 
@@ -427,37 +572,61 @@ int gfCalculateMultipleLeastSquareCylinders(giPoint3coDynArr const& points, giUn
   if (!gfit::detail::check_points(points, 5, gfit::detail::Span::space, &spread)) return 0;
   // The normals only steer the random directions: any number of them, each set and finite.
   if (!gfit::detail::all_valid(normals)) return refuse(gfReason::non_finite_input, "a normal is unset or not finite");
+  // Each attempt ranks and refines on the subset; a cylinder within the tolerance there is
+  // refined on all the points and kept if it is within the tolerance there too and the
+  // points determine it.
+  const giUnitVec3coDynArr no_normals;
+  gfit::detail::SearchSubset subset(points, no_normals, kSearchPoints);
+  gfFittedCylindercoDynArr found = results;  // the caller's list is left alone if cancelled
+  const int found_before = found.count();
+  giPoint3coDynArr const& some = subset.points();
+  const giPoint3 origin = gfit::detail::mean_of(some.data(), some.count());
   const giAngle cone = giAngle::from_degrees(30.0), second_cone = giAngle::from_degrees(30.0);
   gfRandDirGenMulti generator(1000.0, normals, cone, 0.9);
-  gfLeastSquareCylinder problem(points);
-  const int found_before = results.count();
-  mlLevenbergMarquardt lm(problem);
-  const giPoint3 origin(0.0, 0.0, 0.0);
-  mlVector start(7), result(7);
-  for (int attempt = 0; attempt < count * 150 && results.count() < count; ++attempt) {
+  gfLeastSquareCylinder problem(some, origin), all(points, origin);
+  mlLevenbergMarquardt lm(problem), lm_all(all);
+  SearchBudget budget(kSearchWork * some.count() * std::max(1, count));
+  const giPoint3 plane_origin(0.0, 0.0, 0.0);
+  mlVector start(7), result(7), refined(7);
+  const long long attempts = 150LL * count;
+  for (long long attempt = 0; attempt < attempts && found.count() < count; ++attempt) {
+    if (!budget.go_on()) break;
     giUnitVec3 d = generator.direction();
     giPoint3 centre;
     double r = 0.0, e = 0.0;
-    if (!gfLeastSquareEvaluator::evaluate_circle2(origin, d, points, centre, r, e)) continue;
+    budget.charge(2 * 20.0 * some.count());  // two circle fits, about twenty passes each
+    if (!gfLeastSquareEvaluator::evaluate_circle2(plane_origin, d, some, centre, r, e)) continue;
     gfRandDirGenerator nearby(1.1, d, second_cone, 0.1);
     giUnitVec3 d2 = nearby.rand_vec_bias_region();
     giPoint3 centre2;
     double r2 = 0.0, e2 = 0.0;
-    if (gfLeastSquareEvaluator::evaluate_circle2(origin, d2, points, centre2, r2, e2) && e2 < e) {
+    if (gfLeastSquareEvaluator::evaluate_circle2(plane_origin, d2, some, centre2, r2, e2) && e2 < e) {
       d = d2;
       centre = centre2;
       r = r2;
     }
-    start = mlVector{centre.x(), centre.y(), centre.z(), d.x(), d.y(), d.z(), r};
-    const double rms = std::sqrt(lm.fit(start, result));
-    // Only cylinders that the points determine (see leastsquares/refusal.h).
-    if (rms < tolerance && result[6] > 0.0 && gfit::detail::within_size_bound(result[6], spread.extent) &&
-        gfit::detail::determined(gfit::detail::axial_determination(problem, result))) {
-      gfFittedCylinder found(giPoint3(result[0], result[1], result[2]), giUnitVec3(result[3], result[4], result[5]),
-                             result[6], rms);
-      gfLeastSquareCylinder::add_distinct_result(found, tolerance, angle, results);
+    start = mlVector{centre.x() - origin.x(), centre.y() - origin.y(), centre.z() - origin.z(), d.x(), d.y(), d.z(), r};
+    double rms = std::sqrt(budget.fit(lm, some.count(), mlLevenbergMarquardt::default_max_iterations, start, result));
+    if (!(rms < tolerance)) continue;
+    if (!subset.all()) {
+      rms = std::sqrt(lm_all.fit(result, refined));
+      if (!(rms < tolerance)) continue;
+      result = refined;
     }
+    // Only cylinders that all the points determine (see leastsquares/refusal.h), judged in
+    // the frame of the solver's parameters.
+    if (!(result[6] > 0.0 && gfit::detail::within_size_bound(result[6], spread.extent) &&
+          gfit::detail::determined(gfit::detail::axial_determination(all, result))))
+      continue;
+    giPoint3 axis_point;
+    giUnitVec3 axis;
+    double radius = 0.0, deviation = 0.0;
+    write_outputs(result, rms * rms, origin, axis_point, axis, radius, deviation);
+    gfLeastSquareCylinder::add_distinct_result(gfFittedCylinder(axis_point, axis, radius, rms), tolerance, angle,
+                                               found);
   }
+  if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
+  results = found;
   if (results.count() == found_before) refuse(gfReason::no_convergence, "no cylinder within the tolerance");
   else gfit::detail::succeed();
   return results.count();

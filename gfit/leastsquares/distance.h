@@ -34,6 +34,10 @@ class GFIT_EXPORT gfLeastSquareDistance3 : public mlDistanceLeastSquares {
   giPoint3 centroid() const;
   double range() const;
   giPoint3coDynArr const& points() const { return points_; }
+  // The point the parameters measure positions from (an axis point, a centre): the
+  // coordinate origin, unless the element's problem was built with a frame origin (the
+  // searches put it at the points' centroid).
+  virtual giPoint3 frame_origin() const { return giPoint3(0.0, 0.0, 0.0); }
 
   // The axis directions that the searches over axes try first: the three coordinate axes,
   // then the four body diagonals of a cube with non-negative z, unit length.
@@ -89,8 +93,12 @@ struct AxialPoint {
 
 class AxisFrame {
  public:
-  // A = p[0..2], u = p[3..5] made unit.
-  explicit AxisFrame(mlVector const& p) : ax_(p[0]), ay_(p[1]), az_(p[2]) {
+  // A = p[0..2], u = p[3..5] made unit. With `origin`, A is measured from it, and so are the
+  // points: d = (Q - origin) - A, the difference of the points from the origin formed first,
+  // exactly when the points lie far from the coordinate origin and close to `origin`.
+  explicit AxisFrame(mlVector const& p, double const* origin = nullptr)
+      : ax_(p[0]), ay_(p[1]), az_(p[2]), ox_(origin ? origin[0] : 0.0), oy_(origin ? origin[1] : 0.0),
+        oz_(origin ? origin[2] : 0.0) {
     const giUnitVec3 u(p[3], p[4], p[5]);
     ux = u.x();
     uy = u.y();
@@ -100,9 +108,9 @@ class AxisFrame {
     sz_ = std::sqrt(std::fmax(0.0, 1.0 - uz * uz));
   }
   void locate(giPoint3 const& q, AxialPoint& a) const {
-    a.dx = q.x() - ax_;
-    a.dy = q.y() - ay_;
-    a.dz = q.z() - az_;
+    a.dx = (q.x() - ox_) - ax_;
+    a.dy = (q.y() - oy_) - ay_;
+    a.dz = (q.z() - oz_) - az_;
     a.F = a.dx * ux + a.dy * uy + a.dz * uz;
     const double cx = uy * a.dz - uz * a.dy, cy = uz * a.dx - ux * a.dz, cz = ux * a.dy - uy * a.dx;
     a.G = std::sqrt(cx * cx + cy * cy + cz * cz);
@@ -121,7 +129,7 @@ class AxisFrame {
   double ux, uy, uz;
 
  private:
-  double ax_, ay_, az_, sx_, sy_, sz_;
+  double ax_, ay_, az_, ox_, oy_, oz_, sx_, sy_, sz_;
 };
 
 }  // namespace gfit::detail

@@ -2,6 +2,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <limits>
 
 #include "gfit/gfit.h"
 #include "test/support/checks.h"
@@ -114,6 +115,58 @@ TEST(LinePlaneRecovery, ExactDataFarFromTheOrigin) {
   ASSERT_EQ(plane(sample_plane(rng, giPoint3(1000.0, -1000.0, 1000.0), normal, 10.0, 0.5, 500, 0.0), f), 1);
   EXPECT_LT(line_angle(f.direction, normal), 1e-13);
   EXPECT_LT(f.rms, 1e-12);
+}
+
+// A 200 mm patch 500 mm from the origin with 1e-6 mm of noise: the RMS to 12 digits,
+// against the same fit in extended precision (the centroid, the scatter and the distances in
+// long double; skipped where long double is no wider than double). Measured: 1e-13. A plain
+// dot product for the distances gives 11 digits, the decomposition's singular value 9 to 11.
+TEST(LinePlaneRecovery, RmsOfAFlatPatchFarFromTheOrigin) {
+  using Wide = long double;
+  if (std::numeric_limits<Wide>::digits < 60) GTEST_SKIP() << "no extended precision to compare with";
+  Rng rng(25);
+  for (int n : {1000, 30000}) {
+    for (int pose = 0; pose < 3; ++pose) {
+      const giUnitVec3 normal = rng.direction();
+      const giPoint3 origin = giPoint3(0, 0, 0) + giVector3(rng.direction()) * 500.0;
+      giPoint3coDynArr pts = sample_plane(rng, origin, normal, 100.0, 100.0, n, 1e-6);
+      Flat3 f;
+      ASSERT_EQ(plane(pts, f), 1);
+      Wide c[3] = {0, 0, 0};
+      for (giPoint3 const& p : pts)
+        for (int k = 0; k < 3; ++k) c[k] += p[k];
+      for (Wide& x : c) x /= n;
+      Wide m[3][3] = {};
+      for (giPoint3 const& p : pts) {
+        const Wide q[3] = {p.x() - c[0], p.y() - c[1], p.z() - c[2]};
+        for (int i = 0; i < 3; ++i)
+          for (int j = 0; j < 3; ++j) m[i][j] += q[i] * q[j];
+      }
+      // The normal: inverse iteration from the fit's, by the adjugate (det times the
+      // inverse), which maps any vector onto the smallest eigenvalue's direction.
+      Wide nv[3] = {f.direction.x(), f.direction.y(), f.direction.z()};
+      for (int iteration = 0; iteration < 3; ++iteration) {
+        Wide w[3];
+        for (int i = 0; i < 3; ++i) {
+          const int i1 = (i + 1) % 3, i2 = (i + 2) % 3;
+          w[i] = 0;
+          for (int j = 0; j < 3; ++j) {
+            const int j1 = (j + 1) % 3, j2 = (j + 2) % 3;
+            w[i] += (m[j1][i1] * m[j2][i2] - m[j1][i2] * m[j2][i1]) * nv[j];
+          }
+        }
+        const Wide length = std::sqrt(w[0] * w[0] + w[1] * w[1] + w[2] * w[2]);
+        for (int k = 0; k < 3; ++k) nv[k] = w[k] / length;
+      }
+      Wide sum = 0;
+      for (giPoint3 const& p : pts) {
+        const Wide d = nv[0] * (p.x() - c[0]) + nv[1] * (p.y() - c[1]) + nv[2] * (p.z() - c[2]);
+        sum += d * d;
+      }
+      const double reference = static_cast<double>(std::sqrt(sum / n));
+      EXPECT_NEAR(f.rms, reference, 1e-12 * reference) << n << " points, pose " << pose;
+    }
+  }
 }
 
 // ---- degenerate inputs and refusals -----------------------------------------------------

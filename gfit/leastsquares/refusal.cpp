@@ -282,9 +282,14 @@ double slide_axis_point(mlVector& p, giPoint3 const& c) {
   return t;
 }
 
+giPoint3 centroid_in_frame(gfLeastSquareDistance3 const& problem) {
+  const giPoint3 c = problem.centroid(), o = problem.frame_origin();
+  return giPoint3(c.x() - o.x(), c.y() - o.y(), c.z() - o.z());
+}
+
 double axial_determination(gfLeastSquareDistance3& problem, mlVector const& parameters) {
   mlVector p = parameters;
-  const double t = slide_axis_point(p, problem.centroid());
+  const double t = slide_axis_point(p, centroid_in_frame(problem));
   if (p.size() >= 8) p[6] -= t * std::sin(p[7]);
   return determination(problem, p);
 }

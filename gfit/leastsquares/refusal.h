@@ -22,8 +22,11 @@
 //    parameters is not fixed by the data (the scaled, normalised J D^-1 / sqrt(n) whose k-th
 //    singular value is the point distribution quality; its ratio to the largest is
 //    dimensionless). Axis points that the problem keeps at the foot of the perpendicular
-//    from the coordinate origin are first slid to the foot of the points' centroid, so that
-//    the test does not depend on where the part sits;
+//    from its frame origin (the coordinate origin, or the centroid a search put it at) are
+//    first slid to the foot of the points' centroid, so that the test depends neither on
+//    where the part sits nor on the frame the fit used. Where a search ranks on a subset
+//    of the points, the test is applied to the element it returns, after its refinement on
+//    all of them;
 //  - a size bound: a circle, sphere or cylinder whose radius, an ellipse whose semi-axis or a
 //    cone whose apex distance from the points exceeds 1e6 times the points' extent (the
 //    diagonal of their bounding box) is a line or a plane in disguise.
@@ -105,9 +108,16 @@ GFIT_EXPORT bool within_size_bound(double size, double extent);
 // it moved along the axis.
 GFIT_EXPORT double slide_axis_point(mlVector& p, giPoint3 const& c);
 
+// The points' centroid in the frame of `problem`'s parameters: the centroid less the
+// problem's frame origin (the centroid itself when that is the coordinate origin).
+GFIT_EXPORT giPoint3 centroid_in_frame(gfLeastSquareDistance3 const& problem);
+
 // `determination` of a cylinder-like (7 parameters: axis point, axis, radius) or cone-like
 // (8: axis point, axis, offset, half-angle; the offset moved with the point so that the
-// surface stays) problem, its axis point first slid to the foot of the points' centroid.
+// surface stays) problem, its axis point first slid to the foot of the points' centroid,
+// both in the problem's frame (parameters measured from its frame origin): the same world
+// point whatever the frame, so that the ratio depends neither on where the part sits nor on
+// the frame the fit used.
 GFIT_EXPORT double axial_determination(gfLeastSquareDistance3& problem, mlVector const& parameters);
 
 }  // namespace gfit::detail

@@ -386,4 +386,74 @@ TEST(Refusals, ThinArcsStayAccepted) {
   }
 }
 
+// The test at the solution reads the parameters in the frame of the problem that judges them:
+// the searches fit cylinders and cones with the axis point measured from the points'
+// centroid. The same element must score the same ratio in the world frame, in a frame at the
+// centroid, in one elsewhere, and 1e7 away from the coordinate origin; and a small cone far
+// away keeps its apex within the size bound.
+TEST(Refusals, TheTestAtTheSolutionDoesNotDependOnTheFrame) {
+  Rng rng(1104);
+  const giPoint3 at(1, 2, 3);
+  const giVector3 far(1e7, -2e7, 3e6);
+  // Parameters of `world` (axis point first) measured from `origin`.
+  auto from = [](mlVector world, giPoint3 const& origin) {
+    world[0] -= origin.x();
+    world[1] -= origin.y();
+    world[2] -= origin.z();
+    return world;
+  };
+  {
+    const giUnitVec3 axis(0.2, 1, 0.7);
+    giPoint3coDynArr pts = sample_cylinder(rng, at, axis, 4, 5, 0.3, 1.6, 200, 1e-4);
+    giPoint3coDynArr moved = shifted(pts, far);
+    const mlVector p{at.x(), at.y(), at.z(), axis.x(), axis.y(), axis.z(), 4.0};
+    gfLeastSquareCylinder world(pts);
+    const double expected = gfit::detail::axial_determination(world, p);
+    ASSERT_TRUE(gfit::detail::determined(expected));
+    const giPoint3 centroid = gfit::detail::mean_of(pts.data(), pts.count());
+    const giPoint3 elsewhere = at + giVector3(30, -40, 10);
+    gfLeastSquareCylinder centred(pts, centroid), other(pts, elsewhere);
+    EXPECT_NEAR(gfit::detail::axial_determination(centred, from(p, centroid)), expected, 1e-9 * expected);
+    EXPECT_NEAR(gfit::detail::axial_determination(other, from(p, elsewhere)), expected, 1e-9 * expected);
+    const giPoint3 far_centroid = gfit::detail::mean_of(moved.data(), moved.count());
+    gfLeastSquareCylinder far_away(moved, far_centroid);
+    EXPECT_NEAR(gfit::detail::axial_determination(far_away, from(p, far_centroid - far)), expected,
+                1e-6 * expected);
+  }
+  {
+    // A cone whose points span about 5: the size bound is then about 5e6, closer than the
+    // coordinate origin lies to the moved points.
+    const giUnitVec3 axis(0.3, -0.2, 1);
+    const double theta = 0.4;
+    giPoint3coDynArr pts = sample_cone(rng, at, axis, theta, 1, 3, 0, 6, 200, 1e-5);
+    giPoint3coDynArr moved = shifted(pts, far);
+    const giPoint3 a = at - giVector3(axis) * 2.0;  // on the axis, 2 from the apex
+    const mlVector p{a.x(), a.y(), a.z(), axis.x(), axis.y(), axis.z(), 2.0 * std::sin(theta), theta};
+    const double extent = gfit::detail::point_spread(pts).extent;
+    ASSERT_LT(extent, 10.0);
+    gfLeastSquareCone world(pts);
+    const double expected = gfit::detail::axial_determination(world, p);
+    ASSERT_TRUE(gfit::detail::determined(expected));
+    EXPECT_TRUE(gfit::detail::cone_determined(world, p, 1e-10, extent)) << gfLastReasonText();
+    const giPoint3 centroid = gfit::detail::mean_of(pts.data(), pts.count());
+    gfLeastSquareCone centred(pts, centroid);
+    EXPECT_NEAR(gfit::detail::axial_determination(centred, from(p, centroid)), expected, 1e-9 * expected);
+    const giPoint3 far_centroid = gfit::detail::mean_of(moved.data(), moved.count());
+    gfLeastSquareCone far_away(moved, far_centroid);
+    const mlVector local = from(p, far_centroid - far);
+    EXPECT_NEAR(gfit::detail::axial_determination(far_away, local), expected, 1e-6 * expected);
+    EXPECT_TRUE(gfit::detail::cone_determined(far_away, local, 1e-10, extent)) << gfLastReasonText();
+    // The whole search there returns that cone.
+    giPoint3 apex;
+    giUnitVec3 u;
+    double half_angle = 0, rms = 0;
+    ASSERT_EQ(gfCalculateLeastSquareCone(moved, apex, u, half_angle, rms, giUnitVec3(), giAngle::from_degrees(180),
+                                         giUnitVec3coDynArr(), 0),
+              1)
+        << gfLastReasonText();
+    EXPECT_LT(apex.distance(at + far), 1e-3);
+    EXPECT_NEAR(half_angle, theta, 1e-4);
+  }
+}
+
 }  // namespace

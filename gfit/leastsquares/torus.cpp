@@ -13,6 +13,7 @@
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
+#include "gfit/platform/report.h"
 #include "gfit/platform/simplex.h"
 #include "gfit/utilities/direction_sampling.h"
 
@@ -26,6 +27,8 @@ constexpr double kSmooth = 1e-7;
 // ---- the problem ------------------------------------------------------------------------
 
 gfLeastSquareTorus::gfLeastSquareTorus(giPoint3coDynArr const& points) : gfLeastSquareDistance3(8, points) {}
+gfLeastSquareTorus::gfLeastSquareTorus(giPoint3coDynArr const& points, giPoint3 const& origin)
+    : gfLeastSquareDistance3(8, points), origin_{origin.x(), origin.y(), origin.z()} {}
 gfLeastSquareTorus::~gfLeastSquareTorus() = default;
 
 void gfLeastSquareTorus::normalize_parameters(mlVector& p) const {
@@ -45,7 +48,9 @@ void gfLeastSquareTorus::get_distance_and_gradient(double& d, mlVector& g, int i
   mlVector const& p = parameters();
   double F = 0.0, G = 0.0;
   mlVector dF(6), dG(6);
-  F_G_and_derivatives(giPoint3(p[0], p[1], p[2]), giUnitVec3(p[3], p[4], p[5]), points()[i], F, dF, G, dG);
+  giPoint3 const& q = points()[i];
+  const giPoint3 from_origin(q.x() - origin_[0], q.y() - origin_[1], q.z() - origin_[2]);
+  F_G_and_derivatives(giPoint3(p[0], p[1], p[2]), giUnitVec3(p[3], p[4], p[5]), from_origin, F, dF, G, dG);
   const double e = G - p[6], rho = std::sqrt(e * e + F * F);
   d = rho - p[7];
   if (rho > kSmooth) {
@@ -61,7 +66,7 @@ void gfLeastSquareTorus::get_distance_and_gradient(double& d, mlVector& g, int i
 void gfLeastSquareTorus::evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
                                         int ld) const {
   mlVector const& p = parameters();
-  const gfit::detail::AxisFrame frame(p);
+  const gfit::detail::AxisFrame frame(p, origin_);
   const double ux = frame.ux, uy = frame.uy, uz = frame.uz, r1 = p[6], r2 = p[7];
   giPoint3 const* q = points().data() + first;
   gfit::detail::AxialPoint a;
@@ -394,9 +399,9 @@ bool TorusAlongDirection::fit(giUnitVec3 const& d, int iterations, double const*
     std::nth_element(f_.begin(), f_.begin() + (n - 1 - k), f_.end());
     const double high = f_[n - 1 - k];
     const double slabs[4][2] = {{-DBL_MAX, DBL_MAX}, {high, DBL_MAX}, {-DBL_MAX, low}, {0.0, 0.0}};
-    for (int k = 0; k < (normals_ ? 4 : 3); ++k) {
+    for (int slab = 0; slab < (normals_ ? 4 : 3); ++slab) {
       double t[7] = {0, 0, 0, 0, 0, 0, 0};
-      if (k < 3 ? !projected_circle(slabs[k][0], slabs[k][1], t[0], t[1]) : !normals_meet(e1, e2, t[0], t[1]))
+      if (slab < 3 ? !projected_circle(slabs[slab][0], slabs[slab][1], t[0], t[1]) : !normals_meet(e1, e2, t[0], t[1]))
         continue;
       if (!meridian_circle(t)) continue;
       const double ts = meridian_sum_of_squares(t);
@@ -478,9 +483,19 @@ void fit_directions(std::vector<giUnitVec3> const& directions, std::vector<Torus
 bool physical(mlVector const& p) { return p[6] > 0.0 && p[7] > 0.0; }
 
 struct Fitted {
-  mlVector parameters;
+  mlVector parameters;  // the centre measured from `origin`
   double value = DBL_MAX;
+  giPoint3 origin = giPoint3(0.0, 0.0, 0.0);
 };
+
+// A start's parameters with the centre measured from `origin`.
+mlVector from(giPoint3 const& origin, TorusStart const& s) {
+  mlVector p = s.parameters();
+  p[0] -= origin.x();
+  p[1] -= origin.y();
+  p[2] -= origin.z();
+  return p;
+}
 
 // Keeps `candidate` when it beats `best`: a torus with both radii positive beats one
 // without; otherwise the smaller mean squared distance wins (the first of equal ones).
@@ -615,6 +630,7 @@ bool search_torus(giPoint3coDynArr const& points, Fitted& best) {
       if (ok[i]) pool.push_back(starts[i]);
   };
   scan_directions();
+  if (gfit::detail::cancelled()) return false;
   // The axis of revolution of the points with estimated normals, position included.
   if (normals.count() == m) {
     giPoint3 point;
@@ -644,25 +660,30 @@ bool search_torus(giPoint3coDynArr const& points, Fitted& best) {
     for (gfVectorGradientIterator it = gradient.iterator(); it++;) directions.push_back(it.vector().unit());
     scan_directions();
   }
+  if (gfit::detail::cancelled()) return false;
   std::vector<TorusStart> chosen = distinct_best(pool, size, kStarts);
 
   // Levenberg-Marquardt from each start on the points of the scan, then from the best on
-  // all the points.
-  gfLeastSquareTorus problem(scan);
+  // all the points, in a frame centred on the scan.
+  const giPoint3 origin = centred.centroid();
+  gfLeastSquareTorus problem(scan, origin);
   Fitted on_scan;
+  on_scan.origin = origin;
   for (TorusStart const& s : chosen) {
     mlLevenbergMarquardt lm(problem);
     Fitted f;
+    f.origin = origin;
     f.parameters = mlVector(8);
-    f.value = lm.fit(s.parameters(), f.parameters);
+    f.value = lm.fit(from(origin, s), f.parameters);
     keep_better(f, on_scan);
   }
   if (on_scan.value == DBL_MAX) return false;
   if (scan.count() == points.count()) {
     best = on_scan;
   } else {
-    gfLeastSquareTorus all(points);
+    gfLeastSquareTorus all(points, origin);
     mlLevenbergMarquardt lm(all);
+    best.origin = origin;
     best.parameters = mlVector(8);
     best.value = lm.fit(on_scan.parameters, best.parameters);
   }
@@ -670,19 +691,20 @@ bool search_torus(giPoint3coDynArr const& points, Fitted& best) {
 }
 
 // The test of a solution (see leastsquares/refusal.h): a finite value and a Jacobian of full
-// rank (the centre is a real point of the torus, so it needs no sliding). Records the reason
+// rank (the centre is a real point of the torus, so it needs no sliding), formed in the frame
+// of the problem whose parameters `p` are (centre measured from `origin`). Records the reason
 // when it fails.
-bool determined_torus(giPoint3coDynArr const& points, mlVector const& p, double value) {
+bool determined_torus(giPoint3coDynArr const& points, giPoint3 const& origin, mlVector const& p, double value) {
   using gfit::detail::refuse;
   if (!std::isfinite(value)) return refuse(gfReason::no_convergence) != 0;
-  gfLeastSquareTorus problem(points);
+  gfLeastSquareTorus problem(points, origin);
   if (!gfit::detail::determined(gfit::detail::determination(problem, p))) return refuse(gfReason::not_determined) != 0;
   return true;
 }
 
 void write_torus(Fitted const& f, giPoint3& centre, giUnitVec3& axis, double& r1, double& r2, double& residual) {
   mlVector const& p = f.parameters;
-  centre = giPoint3(p[0], p[1], p[2]);
+  centre = giPoint3(f.origin.x() + p[0], f.origin.y() + p[1], f.origin.z() + p[2]);
   axis = giUnitVec3(p[3], p[4], p[5]);
   r1 = p[6];
   r2 = p[7];
@@ -697,8 +719,11 @@ int gfLeastSquareEvaluator::evaluate_torus(giPoint3coDynArr const& points, giPoi
                                            double& r1, double& r2, double& residual) {
   if (!gfit::detail::check_points(points, 7, gfit::detail::Span::space)) return 0;
   Fitted best;
-  if (!search_torus(points, best)) return gfit::detail::refuse(gfReason::no_convergence);
-  if (!determined_torus(points, best.parameters, best.value)) return 0;
+  const bool found = search_torus(points, best);
+  if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
+  if (!found) return gfit::detail::refuse(gfReason::no_convergence, "no torus found");
+  // Judged on all the points, after the refinement on all of them, in the frame it used.
+  if (!determined_torus(points, best.origin, best.parameters, best.value)) return 0;
   write_torus(best, centre, axis, r1, r2, residual);
   return gfit::detail::succeed();
 }
@@ -709,20 +734,25 @@ int gfLeastSquareEvaluator::evaluate_torus_with_guess(giPoint3coDynArr const& po
   if (!centre.finite() || axis.invalid() ||
       !(std::isfinite(axis.x()) && std::isfinite(axis.y()) && std::isfinite(axis.z())))
     return gfit::detail::refuse(gfReason::invalid_argument, "the guess is unset or not finite");
-  // The radii and the centre's height from the meridian circle about the given axis.
-  CentredPoints centred(points);
+  // The radii and the centre's height from the meridian circle about the given axis, on at
+  // most kScanPoints of the points (a start needs no more); then the fit on all of them.
+  giPoint3coDynArr storage;
+  CentredPoints centred(spread(points, kScanPoints, storage));
   TorusAlongDirection fitter(centred);
   const giUnitVec3 e1 = axis.any_normal(), e2(axis.cross(e1));
   const giVector3 offset = centre - centred.centroid();
   const double ab[2] = {e1.dot(offset), e2.dot(offset)};
   TorusStart start;
-  if (!fitter.fit(axis, 0, ab, start)) return gfit::detail::refuse(gfReason::no_convergence);
-  gfLeastSquareTorus problem(points);
+  if (!fitter.fit(axis, 0, ab, start)) return gfit::detail::refuse(gfReason::no_convergence, "no torus found");
+  const giPoint3 origin = centred.centroid();
+  gfLeastSquareTorus problem(points, origin);
   mlLevenbergMarquardt lm(problem);
   Fitted f;
+  f.origin = origin;
   f.parameters = mlVector(8);
-  f.value = lm.fit(start.parameters(), f.parameters);
-  if (!determined_torus(points, f.parameters, f.value)) return 0;
+  f.value = lm.fit(from(origin, start), f.parameters);
+  if (gfit::detail::cancelled()) return gfit::detail::refuse(gfReason::cancelled);
+  if (!determined_torus(points, origin, f.parameters, f.value)) return 0;
   write_torus(f, centre, axis, r1, r2, residual);
   return gfit::detail::succeed();
 }
@@ -833,7 +863,14 @@ int gfCalculateTorusDownhillSimplex(giPoint3coDynArr const& points, doublecoDynA
     if (small) break;
     f.set_reference(best);
   }
-  if (!determined_torus(points, best, value)) return 0;
+  // The simplex works in world coordinates; the rank is judged in a frame at the centroid,
+  // as for the other fits.
+  const giPoint3 origin = gfit::detail::mean_of(points.data(), n);
+  mlVector local = best;
+  local[0] -= origin.x();
+  local[1] -= origin.y();
+  local[2] -= origin.z();
+  if (!determined_torus(points, origin, local, value)) return 0;
   centre = giPoint3(best[0], best[1], best[2]);
   axis = giVector3(best[3], best[4], best[5]);
   r1 = best[6];

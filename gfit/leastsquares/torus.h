@@ -25,12 +25,18 @@
 // ring pattern of directions over the whole hemisphere about it follows (gfVectorGradient,
 // 15 degrees apart). The best distinct results go to Levenberg-Marquardt, and the best
 // outcome, one with both radii positive if there is any, is refined on all the points.
+// The solver works in a frame centred on the points (see the frame constructor below).
 // Trial directions may be fitted on several threads (gfSetMaxThreads); the result is
-// bit-identical for every thread count.
+// bit-identical for every thread count. The work is bounded by construction (a fixed set
+// of directions, each with at most six steps, at most four solver runs on the 1024 points
+// and one on all of them); a host's cancel flag (gfSetCancelFlag) stops the search between
+// directions and the solver between iterations, and the fit then returns 0 with
+// gfReason::cancelled.
 //
 // When the points determine a torus (leastsquares/refusal.h): at least 7 points, not
-// coplanar; at the solution a Jacobian of full rank in the 7 independent parameters.
-// Otherwise the entries refuse (gfReason::not_determined), leaving the outputs untouched.
+// coplanar; at the solution (after the refinement on all the points, in the frame the solver
+// used) a Jacobian of full rank in the 7 independent parameters. Otherwise the entries
+// refuse (gfReason::not_determined), leaving the outputs untouched.
 #pragma once
 
 #include "gfit/gfit_export.h"
@@ -39,6 +45,12 @@
 class GFIT_EXPORT gfLeastSquareTorus : public gfLeastSquareDistance3 {
  public:
   explicit gfLeastSquareTorus(giPoint3coDynArr const& points);
+  // The same problem with the centre measured from `origin` (centre = origin + p[0..2]).
+  // The fits put `origin` at the points' centroid, so that the parameters stay of the
+  // torus's own size however far the points lie from the coordinate origin, and the
+  // solver's steps are resolved to the torus's digits, not to those of the offset.
+  gfLeastSquareTorus(giPoint3coDynArr const& points, giPoint3 const& origin);
+  giPoint3 frame_origin() const override { return giPoint3(origin_[0], origin_[1], origin_[2]); }
 
   // The axis made unit length (a zero axis becomes (1, 0, 0)); centre and radii kept, signs
   // included.
@@ -60,6 +72,9 @@ class GFIT_EXPORT gfLeastSquareTorus : public gfLeastSquareDistance3 {
   void evaluate_distances(int first, int count, double* distances, double* squares) const override {
     evaluate_block(first, count, distances, squares, nullptr, 0);
   }
+
+ private:
+  double origin_[3] = {0.0, 0.0, 0.0};
 };
 
 // The signed distance of `point` from the torus (centre, unit axis, r1, r2), positive

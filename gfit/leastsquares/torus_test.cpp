@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "gfit/gfit.h"
+#include "test/support/checks.h"
 #include "test/support/derivative_check.h"
 #include "test/support/samplers.h"
 
@@ -297,6 +298,40 @@ TEST(TorusEdges, Refusals) {
   t.centre = giPoint3(INFINITY, 0, 0);
   EXPECT_EQ(gfLeastSquareEvaluator::evaluate_torus_with_guess(pts, t.centre, t.axis, t.r1, t.r2, t.residual), 0);
   EXPECT_EQ(t.r1, 7.0);
+}
+
+// Points far away against the same points moved back exactly (each coordinate within a
+// factor two of the offset's), and in another order: the torus keeps its digits.
+TEST(TorusFarAway, KeepsItsDigitsWhereverThePointsLieAndInAnyOrder) {
+  Rng rng(79);
+  const giUnitVec3 axis(0.3, -0.5, 0.81);
+  for (int n : {600, 3000}) {  // all points ranked; a subset
+    giPoint3coDynArr near = gfit::testing::sample_torus(rng, giPoint3(3, -2, 5), axis, 30, 8, 0, 2 * M_PI, 0, 2 * M_PI,
+                                                        n, 1e-3);
+    for (double offset : {1e5, 1e6, 1e7}) {
+      SCOPED_TRACE(::testing::Message() << n << " points, offset " << offset);
+      const giVector3 o = giVector3(0.6, -0.48, 0.64) * offset;
+      const giPoint3coDynArr far = gfit::testing::shifted(near, o), back = gfit::testing::shifted(far, -o);
+      Torus f, b, s;
+      ASSERT_EQ(fit(far, f), 1);
+      ASSERT_EQ(fit(back, b), 1);
+      ASSERT_EQ(fit(gfit::testing::shuffled(far, 7), s), 1);
+      for (Torus const* other : {&b, &s}) {
+        EXPECT_NEAR(other->r1, f.r1, 1e-9 * f.r1);
+        EXPECT_NEAR(other->r2, f.r2, 1e-9 * f.r2);
+        EXPECT_NEAR(other->residual, f.residual, 1e-9 * f.residual);
+        EXPECT_LT(line_angle(other->axis, f.axis), 1e-9);
+      }
+      EXPECT_LT((b.centre + o).distance(f.centre), 1e-8);
+      EXPECT_LT(s.centre.distance(f.centre), 1e-8);
+    }
+  }
+  gfit::testing::CancelFlag cancel;  // and a host's flag stops the search at once
+  cancel.flag = true;
+  Torus t;
+  EXPECT_EQ(fit(gfit::testing::sample_torus(rng, giPoint3(0, 0, 0), axis, 30, 8, 0, 2 * M_PI, 0, 2 * M_PI, 600, 1e-3), t),
+            0);
+  EXPECT_EQ(gfLastReason(), gfReason::cancelled);
 }
 
 TEST(TorusEdges, BitIdenticalForAnyThreadCount) {

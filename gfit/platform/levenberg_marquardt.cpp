@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "gfit/platform/qr_accumulator.h"
+#include "gfit/platform/report.h"
 
 using gfit::detail::TriangularAccumulator;
 
@@ -26,6 +27,10 @@ double accumulate(mlDistanceLeastSquares const& problem, TriangularAccumulator& 
   double* buffer = acc.buffer();
   double sum = 0.0;
   for (int first = 0; first < n; first += kBlock) {
+    // The host's cancel flag, every 64 blocks: a pass over millions of points takes tens of
+    // milliseconds. A cancelled pass sums to NaN, which no caller takes for a solution.
+    if (first % (64 * kBlock) == 0 && first > 0 && gfit::detail::cancelled())
+      return std::numeric_limits<double>::quiet_NaN();
     const int count = std::min(kBlock, n - first);
     problem.evaluate_block(first, count, buffer + m * kBlock, squares, buffer, kBlock);
     double block_sum = 0.0;
@@ -158,6 +163,10 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
   TriangularAccumulator acc(m + 1), trial_acc(m + 1);
   std::vector<double> squares(kBlock);
   double ssr = accumulate(problem_, acc, squares.data());
+  if (gfit::detail::cancelled()) {  // possibly within that pass
+    termination_ = cancelled;
+    return std::numeric_limits<double>::quiet_NaN();
+  }
   if (!std::isfinite(ssr)) {
     termination_ = non_finite_start;
     return ssr / n;
@@ -192,6 +201,11 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
   double last_polish = 0.0;
 
   for (;;) {
+    if (gfit::detail::cancelled()) {
+      termination_ = cancelled;
+      result = p;
+      return std::numeric_limits<double>::quiet_NaN();
+    }
     if (ssr == 0.0) {
       termination_ = zero_residual;
       break;
@@ -268,6 +282,11 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
     ++iterations_;
     // A trial whose gradient is not finite is rejected like one whose distances are not.
     if (!finite_factor(trial_acc)) ssr_trial = std::numeric_limits<double>::quiet_NaN();
+    // A pass the host cancelled: back to the last accepted point, and out at the top.
+    if (std::isnan(ssr_trial) && gfit::detail::cancelled()) {
+      problem_.set_parameters(p);
+      continue;
+    }
 
     if (polishing) {
       // Judged by its size (above), and accepted unless the sum of squares clearly grows.

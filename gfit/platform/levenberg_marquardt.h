@@ -39,7 +39,10 @@
 // returns +infinity with the start (termination non_finite_gradient), so that a search never
 // keeps such a start as a solution.
 //
-// `fit` returns the mean squared distance at the solution (sum of squares / points).
+// `fit` returns the mean squared distance at the solution (sum of squares / points). It
+// polls the host's cancel flag (gfSetCancelFlag, platform/report.h) once per iteration and
+// every 4096 points of a pass; when the flag is set it stops and returns NaN, a value every
+// caller treats as no solution, with `result` holding the last accepted parameters.
 #pragma once
 
 #include "gfit/gfit_export.h"
@@ -55,12 +58,13 @@ class GFIT_EXPORT mlLevenbergMarquardt {
   enum Termination {
     not_run,
     zero_residual,
-    small_step,        // step below the resolution of the parameters
-    stationary,        // Gauss-Newton polishing stopped contracting
+    small_step,           // step below the resolution of the parameters
+    stationary,           // Gauss-Newton polishing stopped contracting
     iteration_limit,
     no_points,
-    non_finite_start,  // a distance at the start is not finite
+    non_finite_start,     // a distance at the start is not finite
     non_finite_gradient,  // a gradient at the start is not finite: fit returns +infinity
+    cancelled,            // the host's cancel flag was set: fit returns NaN
   };
 
   explicit mlLevenbergMarquardt(mlDistanceLeastSquares& problem) : problem_(problem) {}

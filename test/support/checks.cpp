@@ -4,6 +4,8 @@
 
 #include <cfloat>
 #include <cmath>
+#include <random>
+#include <utility>
 
 namespace gfit::testing {
 
@@ -12,6 +14,19 @@ double direction_angle(giVector3 const& a, giVector3 const& b) { return std::ata
 giPoint3coDynArr reversed(giPoint3coDynArr const& points) {
   giPoint3coDynArr out(points.count(), 16);
   for (int i = points.count() - 1; i >= 0; --i) out.append(points[i]);
+  return out;
+}
+
+giPoint3coDynArr shifted(giPoint3coDynArr const& points, giVector3 const& offset) {
+  giPoint3coDynArr out(points.count(), 16);
+  for (giPoint3 const& p : points) out.append(p + offset);
+  return out;
+}
+
+giPoint3coDynArr shuffled(giPoint3coDynArr const& points, unsigned seed) {
+  giPoint3coDynArr out = points;
+  std::mt19937 engine(seed);  // the exact engine: the same order on every platform
+  for (int i = out.count() - 1; i > 0; --i) std::swap(out[i], out[static_cast<int>(engine() % (i + 1u))]);
   return out;
 }
 

@@ -2,6 +2,7 @@
 // refusals that mark a direction, and results compared bit for bit.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <vector>
 
@@ -21,6 +22,17 @@ coDynArr<T> constant(int n, T const& value) {
 double direction_angle(giVector3 const& a, giVector3 const& b);
 
 giPoint3coDynArr reversed(giPoint3coDynArr const& points);
+// The points moved by `offset`, and the same points in an order drawn from `seed`.
+giPoint3coDynArr shifted(giPoint3coDynArr const& points, giVector3 const& offset);
+giPoint3coDynArr shuffled(giPoint3coDynArr const& points, unsigned seed);
+
+// A host's cancel flag handed to this thread for the life of the object.
+struct CancelFlag {
+  CancelFlag() : previous(gfSetCancelFlag(&flag)) {}
+  ~CancelFlag() { gfSetCancelFlag(previous); }
+  std::atomic<bool> flag{false};
+  std::atomic<bool> const* previous;
+};
 
 // A refused fit returns 0 and marks the direction it was given as unset: x = -DBL_MAX, the
 // other coordinates kept. `direction` must be +z before the call; it is +z again after.
