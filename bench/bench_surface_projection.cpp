@@ -25,10 +25,10 @@ tskSurfPtr make(Shape s) {
     case kBSpline: return bspline_face();
     case kPart: return holed_plate(14);  // 202 faces
     case kScaledCylinderAndPlane: {
-      tskSurfPtr s = compound({cylinder_face(giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), 20, 80),
+      tskSurfPtr part = compound({cylinder_face(giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), 20, 80),
                                plane_face(giPoint3(0, 0, 100), giUnitVec3(1, 0, 1), 40)});
-      tskSurf::transform(s, giXform3(giXformScale{}, 1.01, 0.98, 1.0));
-      return s;
+      tskSurf::transform(part, giXform3(giXformScale{}, 1.01, 0.98, 1.0));
+      return part;
     }
   }
   return nullptr;

@@ -60,16 +60,16 @@ struct Zone {
     e2 = cross(u, e1);
   }
 
-  double distance(Element const& el, Vec q) const {
-    Vec v = q - el.p;
+  double distance(Element const& el, Vec point) const {
+    Vec v = point - el.p;
     if (kind == Kind::plane) return dot(v, el.u);
     if (kind == Kind::sphere) return norm(v);
     return norm(v - dot(v, el.u) * el.u);
   }
 
   // Distance and its gradient in the independent parameters of `apply`.
-  double gradient(Element const& el, Vec e1, Vec e2, Vec q, double* g) const {
-    Vec v = q - el.p;
+  double gradient(Element const& el, Vec e1, Vec e2, Vec point, double* g) const {
+    Vec v = point - el.p;
     switch (kind) {
       case Kind::plane:
         g[0] = dot(v, e1);
@@ -95,10 +95,10 @@ struct Zone {
 
   // The Hessian of the distance in the same parameters (k x k, row-major): what a zone held
   // by fewer contacts than parameters needs to converge fast (SQP rather than SLP).
-  void hessian(Element const& el, Vec e1, Vec e2, Vec q, double* h) const {
+  void hessian(Element const& el, Vec e1, Vec e2, Vec point, double* h) const {
     const int k = this->k();
     std::fill(h, h + k * k, 0.0);
-    Vec v = q - el.p;
+    Vec v = point - el.p;
     switch (kind) {
       case Kind::plane: {  // u(a, b) = unit(u + a e1 + b e2) bends back by -u
         double d = dot(v, el.u);
@@ -224,10 +224,10 @@ Search minimise(Zone const& z, Element el) {
     std::fill(gq.begin(), gq.end(), 0.0);
     gq[iR] = (z.two_sided() ? 1.0 : 2.0) - mu * s.hi;
     if (z.two_sided()) gq[ir] = -1.0 - mu * s.lo;
-    // The programme; `corr` (one per point, or null) adds to each linearised distance the
+    // The programme; `extra` (one per point, or null) adds to each linearised distance the
     // part of the true distance at a trial step that the linearisation missed (the
     // second-order correction: contacts that curve into the zone are seen a step early).
-    auto build = [&](double const* corr) {
+    auto build = [&](double const* extra) {
       qp.set_problem(nv, h.data(), gq.data());
       id_point.assign(2 * k, n);  // the box
       int id = 0;
@@ -243,7 +243,7 @@ Search minimise(Zone const& z, Element el) {
         const bool lower = z.two_sided() && e[i] - bound[i] <= r_hi;
         if (!upper && !lower) continue;
         z.gradient(s.el, e1, e2, z.q[i], g);
-        const double ei = e[i] + (corr ? corr[i] : 0.0);
+        const double ei = e[i] + (extra ? extra[i] : 0.0);
         if (upper) {  // R - g.d >= e
           id_point.push_back(i);
           std::fill(row.begin(), row.end(), 0.0);
