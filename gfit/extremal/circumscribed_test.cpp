@@ -87,7 +87,7 @@ TEST(MinimumCircumscribedCircle, KnownProfiles) {
 TEST(MinimumCircumscribedCircle, AgreesWithBruteForceOnNoisyArcsDuplicatesAndCollinearPoints) {
   Rng rng(11);
   for (int trial = 0; trial < 40; ++trial) {
-    double span = rng.uniform(0.3, 2.0 * M_PI);
+    double span = rng.uniform(0.3, 2.0 * giPi);
     Points p = gfit::testing::noisy_arc(rng, giPoint2(500 * trial, -20), 25.0, rng.uniform(0, 6), span, 30, 0.01);
     // Duplicates, and points on a chord between two others (collinear triples).
     p.push_back(p[3]);
@@ -107,7 +107,7 @@ TEST(MinimumCircumscribedCircle, AgreesWithBruteForceOnNoisyArcsDuplicatesAndCol
 TEST(MinimumCircumscribedCircle, ProbedFormsMatchThePlainOne) {
   Rng rng(5);
   for (int trial = 0; trial < 20; ++trial) {
-    Points p = gfit::testing::noisy_arc(rng, giPoint2(-300, 40 * trial), 12.0, 0.0, 2 * M_PI, 50, 0.02);
+    Points p = gfit::testing::noisy_arc(rng, giPoint2(-300, 40 * trial), 12.0, 0.0, 2 * giPi, 50, 0.02);
     giCircle2 plain = gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle(p);
     giCircle2 zero =
         gfMinimumCircumscribedCircle::fit_smallest_enclosing_circle_probed(p, std::vector<double>(p.size(), 0.0), true);
@@ -128,7 +128,7 @@ TEST(MinimumCircumscribedCircle, ProbedFormsMatchThePlainOne) {
 TEST(MinimumCircumscribedCircle, ProbedWithUnequalRadiiEnclosesTheBallsMinimally) {
   Rng rng(8);
   for (int trial = 0; trial < 20; ++trial) {
-    Points p = gfit::testing::noisy_arc(rng, giPoint2(100, 200), 20.0, 0.0, 2 * M_PI, 25, 0.5);
+    Points p = gfit::testing::noisy_arc(rng, giPoint2(100, 200), 20.0, 0.0, 2 * giPi, 25, 0.5);
     std::vector<double> r(p.size());
     for (double& v : r) v = rng.uniform(0.5, 2.0);
     // A second, larger ball at the place of an earlier one: no circle touches both.
@@ -146,7 +146,7 @@ TEST(MinimumCircumscribedCircle, ProbedWithUnequalRadiiEnclosesTheBallsMinimally
         if (e > c.radius() - 1e-9) touching.push_back(p[i]);
       }
       EXPECT_GE(touching.size(), 2u);
-      EXPECT_LE(gfit::testing::widest_gap(c.centre(), touching), M_PI + 1e-9) << "trial " << trial;
+      EXPECT_LE(gfit::testing::widest_gap(c.centre(), touching), giPi + 1e-9) << "trial " << trial;
     }
   }
 }
@@ -161,7 +161,7 @@ namespace {
 // with support on it.
 TEST(MinimumCircumscribedCircle, OrderedScansAndReproducibility) {
   Rng rng(11);
-  Points p = gfit::testing::noisy_arc(rng, giPoint2(2500, -700), 30.0, 0.0, 2 * M_PI, 20000, 0.004);
+  Points p = gfit::testing::noisy_arc(rng, giPoint2(2500, -700), 30.0, 0.0, 2 * giPi, 20000, 0.004);
   std::sort(p.begin(), p.end(), [](giPoint2 const& a, giPoint2 const& b) {
     return std::atan2(a.y() + 700, a.x() - 2500) < std::atan2(b.y() + 700, b.x() - 2500);
   });
