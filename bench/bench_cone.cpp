@@ -16,7 +16,7 @@ giPoint3coDynArr cone_scan(int n, double span) {
   const giUnitVec3 axis(-0.4, 0.3, 0.87);
   const giUnitVec3 e1 = axis.any_normal(), e2(axis.cross(e1));
   const giPoint3 apex(-260.0, 140.0, 310.0);
-  const double t = std::tan(25.0 * M_PI / 180.0);
+  const double t = std::tan(25.0 * giPi / 180.0);
   giPoint3coDynArr pts(n, 1024);
   for (int i = 0; i < n; ++i) {
     double a = span * (0.5 + 0.5 * gfit::bench::scramble(4 * i)), h = 40.0 + 20.0 * gfit::bench::scramble(4 * i + 1);
@@ -39,8 +39,8 @@ void cone(benchmark::State& state, double span) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-void BM_ConeFull(benchmark::State& state) { cone(state, 2 * M_PI); }
-void BM_ConePatch90(benchmark::State& state) { cone(state, M_PI / 2); }
+void BM_ConeFull(benchmark::State& state) { cone(state, 2 * giPi); }
+void BM_ConePatch90(benchmark::State& state) { cone(state, giPi / 2); }
 
 BENCHMARK(BM_ConeFull)
     ->ArgsProduct({{1000, 10000, 100000}, {1, 0}})
@@ -69,7 +69,7 @@ int fit_cone(giPoint3coDynArr const& pts) {
 // in every iteration; x_cone is the ratio. The search's work budget bounds the first.
 void BM_ConeOnAPlaneVsACone(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
-  giPoint3coDynArr plane = gfit::bench::plane_scan(n), cone = cone_scan(n, 2 * M_PI);
+  giPoint3coDynArr plane = gfit::bench::plane_scan(n), cone = cone_scan(n, 2 * giPi);
   const int previous = gfSetMaxThreads(1);
   double plane_time = 0.0, cone_time = 0.0;
   for (auto _ : state) {
@@ -92,7 +92,7 @@ BENCHMARK(BM_ConeOnAPlaneVsACone)->Arg(16000)->UseManualTime()->Unit(benchmark::
 
 void BM_ProbedCone(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
-  giPoint3coDynArr pts = cone_scan(n, 2 * M_PI);
+  giPoint3coDynArr pts = cone_scan(n, 2 * giPi);
   doublecoDynArr radii(n, 1024);
   for (int i = 0; i < n; ++i) radii.append(1.0);
   const int previous = gfSetMaxThreads(1);

@@ -13,7 +13,7 @@ giPoint2coDynArr ellipse_scan(int n) {
   giPoint2coDynArr pts(n, 1024);
   const double c = std::cos(0.4), s = std::sin(0.4);
   for (int i = 0; i < n; ++i) {
-    double t = 2 * M_PI * i / n, u = 40 * std::cos(t), v = 25 * std::sin(t) + 1e-3 * scramble(i);
+    double t = 2 * giPi * i / n, u = 40 * std::cos(t), v = 25 * std::sin(t) + 1e-3 * scramble(i);
     pts.append(giPoint2(12 + c * u - s * v, -7 + s * u + c * v));
   }
   return pts;
@@ -31,7 +31,7 @@ giPoint3coDynArr in_space(giPoint2coDynArr const& flat) {
 giPoint3coDynArr sphere_scan(int n) {
   giPoint3coDynArr pts(n, 1024);
   for (int i = 0; i < n; ++i) {
-    double z = scramble(3 * i), phi = M_PI * scramble(3 * i + 1), q = std::sqrt(1 - z * z);
+    double z = scramble(3 * i), phi = giPi * scramble(3 * i + 1), q = std::sqrt(1 - z * z);
     double r = 25 + 1e-3 * scramble(3 * i + 2);
     pts.append(giPoint3(30 + r * q * std::cos(phi), -20 + r * q * std::sin(phi), 10 + r * z));
   }

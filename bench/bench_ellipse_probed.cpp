@@ -10,7 +10,7 @@ giPoint2coDynArr ellipse_scan(int n) {
   giPoint2coDynArr pts(n, 1024);
   const double c = std::cos(0.6), s = std::sin(0.6);
   for (int i = 0; i < n; ++i) {
-    double t = 2 * M_PI * i / n, x = 35 * std::cos(t), y = 12 * std::sin(t) + 1e-3 * gfit::bench::scramble(i);
+    double t = 2 * giPi * i / n, x = 35 * std::cos(t), y = 12 * std::sin(t) + 1e-3 * gfit::bench::scramble(i);
     pts.append(giPoint2(250 + c * x - s * y, -80 + s * x + c * y));
   }
   return pts;

@@ -16,7 +16,7 @@ std::vector<giPoint2> roundness_profile(int n, double span) {
   std::vector<giPoint2> p;
   p.reserve(n);
   for (int i = 0; i < n; ++i) {
-    double t = span * M_PI / 180 * i / n, r = 25.0 + 0.004 * std::cos(3 * t) + 0.001 * scramble(i);
+    double t = span * giPi / 180 * i / n, r = 25.0 + 0.004 * std::cos(3 * t) + 0.001 * scramble(i);
     p.emplace_back(120 + r * std::cos(t), -45 + r * std::sin(t));
   }
   return p;

@@ -31,7 +31,7 @@ std::vector<giPoint2> ordered_profile(int n) {
   std::vector<giPoint2> p;
   p.reserve(n);
   for (int i = 0; i < n; ++i) {
-    double t = 2 * M_PI * i / n, r = 25.0 + 0.004 * std::cos(3 * t) + 0.001 * scramble(i);
+    double t = 2 * giPi * i / n, r = 25.0 + 0.004 * std::cos(3 * t) + 0.001 * scramble(i);
     p.emplace_back(120 + r * std::cos(t), -45 + r * std::sin(t));
   }
   return p;
@@ -41,7 +41,7 @@ std::vector<giPoint2> ordered_profile(int n) {
 giPoint2coDynArr hull_points(int n, bool ring) {
   giPoint2coDynArr p(n, 1024);
   for (int i = 0; i < n; ++i) {
-    double t = M_PI * scramble(2 * i), u = 0.5 * (scramble(2 * i + 1) + 1.0);
+    double t = giPi * scramble(2 * i), u = 0.5 * (scramble(2 * i + 1) + 1.0);
     double r = ring ? 50.0 + 0.01 * (2 * u - 1) : 50.0 * std::sqrt(u);
     p.append(giPoint2(300 + r * std::cos(t), 200 + r * std::sin(t)));
   }

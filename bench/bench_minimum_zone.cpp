@@ -11,7 +11,7 @@ namespace {
 giPoint3coDynArr cylinder_scan(int n) {
   giPoint3coDynArr pts(n, 1024);
   for (int i = 0; i < n; ++i) {
-    double a = M_PI * (1 + gfit::bench::scramble(3 * i)), h = 30 * gfit::bench::scramble(3 * i + 1);
+    double a = giPi * (1 + gfit::bench::scramble(3 * i)), h = 30 * gfit::bench::scramble(3 * i + 1);
     double r = 12.5 + 2e-3 * gfit::bench::scramble(3 * i + 2) + 1e-3 * std::cos(3 * a);  // trilobed
     pts.append(giPoint3(200 + r * std::cos(a), -100 + r * std::sin(a), 50 + h));
   }

@@ -49,8 +49,8 @@ void cylinder(benchmark::State& state, double span) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-void BM_CylinderFull(benchmark::State& state) { cylinder(state, 2 * M_PI); }
-void BM_CylinderPatch90(benchmark::State& state) { cylinder(state, M_PI / 2); }
+void BM_CylinderFull(benchmark::State& state) { cylinder(state, 2 * giPi); }
+void BM_CylinderPatch90(benchmark::State& state) { cylinder(state, giPi / 2); }
 
 BENCHMARK(BM_CylinderFull)
     ->ArgsProduct({{1000, 10000, 100000, 1000000}, {1, 0}})
@@ -65,8 +65,8 @@ BENCHMARK(BM_CylinderPatch90)
 // with its axis tilted by 5 degrees.
 double refine_from_5_degrees(giPoint3coDynArr const& pts) {
   const giUnitVec3 axis = gfit::bench::cylinder_scan_axis();
-  const giUnitVec3 tilted(giVector3(axis) * std::cos(5 * M_PI / 180) +
-                          giVector3(axis.any_normal()) * std::sin(5 * M_PI / 180));
+  const giUnitVec3 tilted(giVector3(axis) * std::cos(5 * giPi / 180) +
+                          giVector3(axis.any_normal()) * std::sin(5 * giPi / 180));
   const giPoint3 origin = gfit::bench::cylinder_scan_origin();
   gfLeastSquareCylinder problem(pts);
   mlLevenbergMarquardt lm(problem);
@@ -94,8 +94,8 @@ void cylinder_vs_refinement(benchmark::State& state, double span) {
   state.counters["refinement_ms"] = 1e3 * refine_time / runs;
   state.counters["x_refinement"] = fit_time / refine_time;
 }
-void BM_CylinderVsRefinement(benchmark::State& state) { cylinder_vs_refinement(state, 2 * M_PI); }
-void BM_CylinderPatch90VsRefinement(benchmark::State& state) { cylinder_vs_refinement(state, M_PI / 2); }
+void BM_CylinderVsRefinement(benchmark::State& state) { cylinder_vs_refinement(state, 2 * giPi); }
+void BM_CylinderPatch90VsRefinement(benchmark::State& state) { cylinder_vs_refinement(state, giPi / 2); }
 BENCHMARK(BM_CylinderVsRefinement)
     ->Arg(10000)->Arg(100000)->Arg(1000000)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_CylinderPatch90VsRefinement)
@@ -114,7 +114,7 @@ double peak_bytes() {
 void BM_CylinderMemory(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
   const double before = peak_bytes();
-  giPoint3coDynArr pts = gfit::bench::cylinder_scan(n, 2 * M_PI);
+  giPoint3coDynArr pts = gfit::bench::cylinder_scan(n, 2 * giPi);
   const double with_points = peak_bytes();
   const int previous = gfSetMaxThreads(1);
   for (auto _ : state) benchmark::DoNotOptimize(fit_cylinder(pts));

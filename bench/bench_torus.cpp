@@ -38,8 +38,8 @@ void torus(benchmark::State& state, double u_span, double v_span) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-void BM_TorusFull(benchmark::State& state) { torus(state, 2 * M_PI, 2 * M_PI); }
-void BM_TorusPartial(benchmark::State& state) { torus(state, M_PI / 2, M_PI); }
+void BM_TorusFull(benchmark::State& state) { torus(state, 2 * giPi, 2 * giPi); }
+void BM_TorusPartial(benchmark::State& state) { torus(state, giPi / 2, giPi); }
 
 BENCHMARK(BM_TorusFull)
     ->ArgsProduct({{1000, 10000}, {1, 0}})
@@ -52,7 +52,7 @@ BENCHMARK(BM_TorusPartial)
 
 void BM_ProbedTorus(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
-  giPoint3coDynArr pts = torus_scan(n, 2 * M_PI, 2 * M_PI);
+  giPoint3coDynArr pts = torus_scan(n, 2 * giPi, 2 * giPi);
   doublecoDynArr radii(n, 1024);
   for (int i = 0; i < n; ++i) radii.append(1.0 + 0.5 * gfit::bench::scramble(4 * i + 3));
   const int previous = gfSetMaxThreads(1);

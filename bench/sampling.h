@@ -35,7 +35,7 @@ inline giPoint3coDynArr line_scan(int n) {
 inline giPoint2coDynArr circle_scan(int n, double cx, double cy, double r) {
   giPoint2coDynArr pts(n, 1024);
   for (int i = 0; i < n; ++i) {
-    double t = 2 * M_PI * i / n, rr = r + 1e-3 * scramble(i);
+    double t = 2 * giPi * i / n, rr = r + 1e-3 * scramble(i);
     pts.append(giPoint2(cx + rr * std::cos(t), cy + rr * std::sin(t)));
   }
   return pts;
@@ -65,7 +65,7 @@ inline giPoint3coDynArr cylinder_scan(int n, double span) {
 inline giPoint3coDynArr sphere_scan(int n) {
   giPoint3coDynArr pts(n, 1024);
   for (int i = 0; i < n; ++i) {
-    double z = scramble(4 * i), phi = M_PI * scramble(4 * i + 1), s = std::sqrt(1 - z * z);
+    double z = scramble(4 * i), phi = giPi * scramble(4 * i + 1), s = std::sqrt(1 - z * z);
     double r = 12.5 + 2e-3 * scramble(4 * i + 2);
     pts.append(giPoint3(-310.0 + r * s * std::cos(phi), 95.0 + r * s * std::sin(phi), 60.0 + r * z));
   }

@@ -15,7 +15,7 @@ void add_cone(JsonObject& out, int status, giPoint3 const& apex, giUnitVec3 cons
     out.add("apex", {apex.x(), apex.y(), apex.z()})
         .add("axis", {axis.x(), axis.y(), axis.z()})
         .add("half_angle", half_angle)
-        .add("half_angle_degrees", half_angle * 180.0 / M_PI)
+        .add("half_angle_degrees", half_angle * 180.0 / giPi)
         .add("residual", residual);
 }
 

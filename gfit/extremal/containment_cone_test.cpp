@@ -15,7 +15,7 @@ giUnitVec3coDynArr cap(Rng& rng, giUnitVec3 const& axis, double half_angle, int 
   giUnitVec3 e1 = axis.any_normal(), e2 = axis.cross(e1).unit();
   giUnitVec3coDynArr out(n, 16);
   for (int i = 0; i < n; ++i) {
-    double z = rng.uniform(std::cos(half_angle), 1.0), phi = rng.uniform(0.0, 2 * M_PI), s = std::sqrt(1 - z * z);
+    double z = rng.uniform(std::cos(half_angle), 1.0), phi = rng.uniform(0.0, 2 * giPi), s = std::sqrt(1 - z * z);
     out.append((axis * z + e1 * (s * std::cos(phi)) + e2 * (s * std::sin(phi))).unit());
   }
   return out;
@@ -49,7 +49,7 @@ TEST(ContainmentCone, SmallAndRefusedSets) {
   EXPECT_EQ(axis.x(), giUnitVec3(1, 2, 3).x());
   // Two directions: the axis halves them.
   EXPECT_EQ(solve({giUnitVec3(1, 0, 0), giUnitVec3(0, 1, 0)}), 1);
-  EXPECT_NEAR(angle.radians(), M_PI / 4, 1e-15);
+  EXPECT_NEAR(angle.radians(), giPi / 4, 1e-15);
   // Opposite directions, and directions around more than a hemisphere, are refused.
   EXPECT_EQ(solve({giUnitVec3(0, 0, 1), giUnitVec3(0, 0, -1)}), 0);
   EXPECT_EQ(gfLastReason(), gfReason::not_determined);
@@ -58,7 +58,7 @@ TEST(ContainmentCone, SmallAndRefusedSets) {
       0);
   // Directions along a great circle never need a three-direction cone: the two ends hold them.
   EXPECT_EQ(solve({giUnitVec3(1, 0, 0), giUnitVec3(1, 1, 0), giUnitVec3(0, 1, 0), giUnitVec3(1, 0.3, 0)}), 1);
-  EXPECT_NEAR(angle.radians(), M_PI / 4, 1e-15);
+  EXPECT_NEAR(angle.radians(), giPi / 4, 1e-15);
 }
 
 TEST(ContainmentCone, DuplicatesAndReproducibility) {

@@ -73,7 +73,7 @@ TEST(MaximumInscribedCircle, NoisyProfilesReachAnEmptyCircleNearTheLargest) {
   Rng rng(3);
   for (int trial = 0; trial < 12; ++trial) {
     // 60 points of a 5 mm circle with 5 um noise, duplicates among them.
-    Points p = gfit::testing::noisy_arc(rng, giPoint2(80.0 * trial, 40.0), 5.0, 0.0, 2 * M_PI, 60, 0.005);
+    Points p = gfit::testing::noisy_arc(rng, giPoint2(80.0 * trial, 40.0), 5.0, 0.0, 2 * giPi, 60, 0.005);
     p.push_back(p[10]);
     p.push_back(p[20]);
     giCircle2 c = gfMaximumInscribedCircle::calculate_maximum_inscribed_circle(p);
@@ -141,7 +141,7 @@ TEST(MaximumInscribedCircle, ProbedWithUnequalAddedRadiiEndsAtALocalMaximum) {
     EXPECT_NEAR(c.radius(), smallest(c.centre()), 1e-12) << trial;
     for (double h = 1e-2; h > 1e-7; h *= 0.1)
       for (int k = 0; k < 16; ++k)
-        EXPECT_LE(smallest(c.centre() + giVector2(h * std::cos(k * M_PI / 8), h * std::sin(k * M_PI / 8))),
+        EXPECT_LE(smallest(c.centre() + giVector2(h * std::cos(k * giPi / 8), h * std::sin(k * giPi / 8))),
                   c.radius() + 1e-12)
             << trial << " " << h;
   }

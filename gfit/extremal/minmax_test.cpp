@@ -60,7 +60,7 @@ TEST(MinMaxCircleFit, KnownProfiles) {
       Points p = lobed_profile(centre, 10.0, lobes, a, 60 * lobes);
       giVector2 shift(0.0, 0.0);
       for (int i = 1; off && i < 40; ++i) {
-        double t = 0.5 * M_PI * i / 40.0, r = 10.0 + a * std::cos(lobes * t);
+        double t = 0.5 * giPi * i / 40.0, r = 10.0 + a * std::cos(lobes * t);
         p.push_back(centre + giVector2(r * std::cos(t), r * std::sin(t)));
         shift += giVector2(r * std::cos(t), r * std::sin(t)) / static_cast<double>(p.size());
       }
@@ -81,7 +81,7 @@ TEST(MinMaxCircleFit, NoisyProfiles) {
   for (int trial = 0; trial < 12; ++trial) {
     // 20 points at random angles of a 6 mm circle with 3 um noise (the oracle is of order
     // n^5), so the centroid is far from the centre.
-    Points p = gfit::testing::noisy_arc(rng, giPoint2(-50.0 * trial, 75.0), 6.0, 0.0, 2 * M_PI, 20, 0.003);
+    Points p = gfit::testing::noisy_arc(rng, giPoint2(-50.0 * trial, 75.0), 6.0, 0.0, 2 * giPi, 20, 0.003);
     double reference = brute_force_width(p);
     double width = 0.0, probed_width = 0.0;
     // The walk only narrows the zone, never below the minimum; it stops at the first step
@@ -115,7 +115,7 @@ struct ZoneCase {
 Points zone_profile(ZoneCase const& z, Rng& rng, giPoint2 const& centre) {
   Points p;
   for (int i = 0; i < z.n; ++i) {
-    double t = z.even ? z.span * i / (z.span >= 2 * M_PI ? z.n : z.n - 1) : rng.uniform(0.0, z.span);
+    double t = z.even ? z.span * i / (z.span >= 2 * giPi ? z.n : z.n - 1) : rng.uniform(0.0, z.span);
     if (!z.even && i % 3 == 0) t *= 0.3;  // uneven: a third of the points crowd the first part
     double r = 12.5 + z.lobe * std::cos(z.lobes * t) + z.noise * rng.normal();
     p.push_back(centre + giVector2(r * std::cos(t + 0.4), r * std::sin(t + 0.4)));
@@ -149,15 +149,15 @@ bool contacts_alternate(Points const& p, std::vector<double> const& rho, giPoint
 // zero radii and with equal radii gives the same zone.
 TEST(MinMaxCircleFit, MinimumZoneEqualsExhaustiveSearch) {
   const ZoneCase cases[] = {
-      {"36 even, 5 lobes", 36, 5, 0.01, 0.0, 2 * M_PI, true},
-      {"36 even, 7 lobes", 36, 7, 0.01, 0.0, 2 * M_PI, true},
-      {"36 even, 3 lobes, noisy", 36, 3, 0.01, 0.002, 2 * M_PI, true},
-      {"30 uneven, noisy", 30, 0, 0.0, 0.003, 2 * M_PI, false},
-      {"30 uneven, 4 lobes", 30, 4, 0.005, 0.001, 2 * M_PI, false},
-      {"36 even, 3 lobes, 270 degrees", 36, 3, 0.01, 0.0, 1.5 * M_PI, true},
-      {"30 uneven, 270 degrees, noisy", 30, 2, 0.004, 0.002, 1.5 * M_PI, false},
-      {"30 even, 180 degrees, noisy", 30, 0, 0.0, 0.003, M_PI, true},
-      {"30 uneven, 180 degrees, noisy", 30, 3, 0.002, 0.003, M_PI, false},
+      {"36 even, 5 lobes", 36, 5, 0.01, 0.0, 2 * giPi, true},
+      {"36 even, 7 lobes", 36, 7, 0.01, 0.0, 2 * giPi, true},
+      {"36 even, 3 lobes, noisy", 36, 3, 0.01, 0.002, 2 * giPi, true},
+      {"30 uneven, noisy", 30, 0, 0.0, 0.003, 2 * giPi, false},
+      {"30 uneven, 4 lobes", 30, 4, 0.005, 0.001, 2 * giPi, false},
+      {"36 even, 3 lobes, 270 degrees", 36, 3, 0.01, 0.0, 1.5 * giPi, true},
+      {"30 uneven, 270 degrees, noisy", 30, 2, 0.004, 0.002, 1.5 * giPi, false},
+      {"30 even, 180 degrees, noisy", 30, 0, 0.0, 0.003, giPi, true},
+      {"30 uneven, 180 degrees, noisy", 30, 3, 0.002, 0.003, giPi, false},
   };
   Rng rng(7);
   for (ZoneCase const& z : cases)
@@ -185,7 +185,7 @@ TEST(MinMaxCircleFit, MinimumZoneEqualsExhaustiveSearch) {
 // few times that.
 TEST(MinMaxCircleFit, MinimumZoneFarFromTheOrigin) {
   Rng rng(17);
-  for (double span : {2 * M_PI, M_PI}) {
+  for (double span : {2 * giPi, giPi}) {
     Points near = zone_profile({"", 30, 3, 0.004, 0.002, span, false}, rng, giPoint2(0.0, 0.0));
     Points far;
     for (giPoint2 const& q : near) far.push_back(giPoint2(q.x() + 1e6, q.y() - 2e6));
@@ -199,7 +199,7 @@ TEST(MinMaxCircleFit, MinimumZoneFarFromTheOrigin) {
 // the compensated zone, and its contacts alternate.
 TEST(MinMaxCircleFit, ProbedMinimumZoneWithUnequalRadii) {
   Rng rng(3);
-  for (double span : {2 * M_PI, M_PI}) {
+  for (double span : {2 * giPi, giPi}) {
     Points p = zone_profile({"", 40, 3, 0.01, 0.002, span, false}, rng, giPoint2(-40.0, 25.0));
     std::vector<double> radii;
     for (size_t i = 0; i < p.size(); ++i) radii.push_back(rng.uniform(0.5, 1.5));
@@ -216,7 +216,7 @@ TEST(MinMaxCircleFit, ProbedMinimumZoneWithUnequalRadii) {
     EXPECT_NEAR(width, compensated(c.centre()), 1e-12);
     for (double h = 1e-3; h > 1e-9; h *= 0.1)
       for (int k = 0; k < 16; ++k) {
-        giPoint2 q = c.centre() + giVector2(h * std::cos(k * M_PI / 8), h * std::sin(k * M_PI / 8));
+        giPoint2 q = c.centre() + giVector2(h * std::cos(k * giPi / 8), h * std::sin(k * giPi / 8));
         EXPECT_GE(compensated(q), width * (1.0 - 1e-9)) << span << " " << h;
       }
     EXPECT_TRUE(contacts_alternate(p, radii, c.centre(), 1e-11));

@@ -17,7 +17,7 @@ void sample_revolution(Rng& rng, giPoint3 const& point, giUnitVec3 const& axis, 
                        Slope slope, int n, giPoint3coDynArr& pts, giUnitVec3coDynArr& normals) {
   giUnitVec3 e1 = axis.any_normal(), e2(axis.cross(e1));
   for (int i = 0; i < n; ++i) {
-    double h = rng.uniform(h0, h1), t = rng.uniform(0, 2 * M_PI);
+    double h = rng.uniform(h0, h1), t = rng.uniform(0, 2 * giPi);
     giVector3 radial = e1 * std::cos(t) + e2 * std::sin(t);
     pts.append(point + axis * h + radial * radius(h));
     normals.append((radial - giVector3(axis) * slope(h)).unit());  // normal to (r'(h), 1) in the meridian

@@ -72,7 +72,7 @@ TEST(SphereCircleRecovery, SpheresFarFromTheOriginNoisyCapsAndExact) {
     // A cap of 60 degrees half-angle: the centre is the worst-determined quantity, known to
     // about noise / sqrt(n) / (1 - cos 60) ~ 2e-4 per coordinate; allow 5e-3.
     Round3 f;
-    ASSERT_EQ(sphere(sample_sphere(rng, centre, radius, rng.direction(), M_PI / 3, 400, noise), f), 1);
+    ASSERT_EQ(sphere(sample_sphere(rng, centre, radius, rng.direction(), giPi / 3, 400, noise), f), 1);
     EXPECT_LT(f.centre.distance(centre), 5e-3);
     EXPECT_NEAR(f.radius, radius, 5e-3);
     EXPECT_NEAR(f.rms, noise, 2e-4);
@@ -81,7 +81,7 @@ TEST(SphereCircleRecovery, SpheresFarFromTheOriginNoisyCapsAndExact) {
   Rng exact_rng(32);
   giPoint3 centre(1000.0, -1000.0, 1000.0);
   Round3 f;
-  ASSERT_EQ(sphere(sample_sphere(exact_rng, centre, 10.0, giUnitVec3(0, 0, 1), M_PI, 200, 0.0), f), 1);
+  ASSERT_EQ(sphere(sample_sphere(exact_rng, centre, 10.0, giUnitVec3(0, 0, 1), giPi, 200, 0.0), f), 1);
   EXPECT_LT(f.centre.distance(centre), 1e-11);
   EXPECT_NEAR(f.radius, 10.0, 1e-11);
   EXPECT_LT(f.rms, 1e-12);
@@ -90,7 +90,7 @@ TEST(SphereCircleRecovery, SpheresFarFromTheOriginNoisyCapsAndExact) {
 TEST(SphereCircleRecovery, CirclesInThePlaneOnShortArcs) {
   Rng rng(33);
   const double noise = 1e-3;
-  for (double span : {2 * M_PI, M_PI, M_PI / 2}) {
+  for (double span : {2 * giPi, giPi, giPi / 2}) {
     giPoint2 centre(rng.uniform(-500, 500), rng.uniform(-500, 500));
     Round2 f;
     ASSERT_EQ(circle(sample_circle2(rng, centre, 20.0, rng.uniform(0, 6), span, 300, noise), f), 1);
@@ -109,7 +109,7 @@ TEST(SphereCircleRecovery, CircleInSpaceWithItsOwnPlane) {
     giUnitVec3 e1 = normal.any_normal(), e2(normal.cross(e1));
     giPoint3coDynArr pts;
     for (int i = 0; i < 200; ++i) {
-      double t = rng.uniform(0, 1.5 * M_PI);
+      double t = rng.uniform(0, 1.5 * giPi);
       pts.append(centre + e1 * (15 * std::cos(t)) + e2 * (15 * std::sin(t)) + normal * (1e-3 * rng.normal()) +
                  e1 * (1e-3 * rng.normal()));
     }
@@ -184,7 +184,7 @@ TEST(SphereCircleEdges, CountsAndNonFiniteInputAreRefused) {
 
 TEST(SphereCircleEdges, CircleInAGivenPlaneCountsHeightsInItsResidual) {
   giPoint3coDynArr pts;
-  for (int i = 0; i < 8; ++i) pts.append(giPoint3(5 * std::cos(i * M_PI / 4), 5 * std::sin(i * M_PI / 4), 0.0));
+  for (int i = 0; i < 8; ++i) pts.append(giPoint3(5 * std::cos(i * giPi / 4), 5 * std::sin(i * giPi / 4), 0.0));
   Round3 f;
   ASSERT_EQ(circle_in(giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), pts, f), 1);
   EXPECT_LT(f.rms, 1e-14);

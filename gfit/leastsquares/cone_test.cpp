@@ -63,7 +63,7 @@ TEST(ConeConformance, NistCones) {
       // orthogonal distance from that point to the surface, the full apex angle in degrees.
       const giPoint3 point = set.certified_point();
       const giUnitVec3 towards_apex = -giUnitVec3(set.certified_vector());
-      const double distance = set.certified[6], theta = set.certified[7] / 2 * M_PI / 180;
+      const double distance = set.certified[6], theta = set.certified[7] / 2 * giPi / 180;
       gfLeastSquareCone problem(set.points);
       problem.set_parameters(mlVector{point.x(), point.y(), point.z(), towards_apex.x(), towards_apex.y(),
                                       towards_apex.z(), distance, theta});
@@ -80,7 +80,7 @@ TEST(ConeConformance, NistCones) {
       }
       EXPECT_LT(direction_angle(f.axis, towards_apex), 1e-6);
       EXPECT_NEAR(f.half_angle, theta, 1e-6);
-      if (theta >= 3 * M_PI / 180)
+      if (theta >= 3 * giPi / 180)
         EXPECT_LT(f.apex.distance(point + towards_apex * (distance / std::sin(theta))), 1e-4 * range);
       else  // the apex of a nearly cylindrical cone is ill-determined along the axis
         EXPECT_LT(distance_from_axis(point, f.apex, f.axis), 1e-4 * range);
@@ -99,11 +99,11 @@ TEST(ConeRecovery, HalfAnglesCoveragesAndPoses) {
   Rng rng(71);
   const double noise = 1e-3;
   for (double degrees : {1.0, 15.0, 45.0, 80.0, 88.0})
-    for (double span : {2 * M_PI, M_PI / 2}) {
+    for (double span : {2 * giPi, giPi / 2}) {
       SCOPED_TRACE(::testing::Message() << degrees << " degrees, span " << span);
       const giPoint3 apex = rng.point_in_box(1000);
       const giUnitVec3 axis = rng.direction();
-      const double theta = degrees * M_PI / 180, start = rng.uniform(0, 2 * M_PI);
+      const double theta = degrees * giPi / 180, start = rng.uniform(0, 2 * giPi);
       // Radii 10 to 40 (steep cones: 5 to 40) over a slant of about 40.
       const double near = (degrees > 60 ? 5 : 10) / std::tan(theta);
       const double far = degrees > 60 ? 40 / std::tan(theta) : near + 40 * std::cos(theta);
@@ -167,16 +167,16 @@ TEST(ConeRecovery, EachStartConvergesOnItsCase) {
   converges(patch, start, giPoint3(-30, 60, 10), 0.7);
   // Two rings of eight points, as a touch probe measures a cone.
   const giPoint3 apex(5, 5, 5);
-  giPoint3coDynArr rings = sample_cone(rng, apex, giUnitVec3(0, 0.6, -0.8), 0.3, 20, 20, 0, 2 * M_PI, 8, 1e-4);
-  for (giPoint3 const& p : sample_cone(rng, apex, giUnitVec3(0, 0.6, -0.8), 0.3, 45, 45, 0, 2 * M_PI, 8, 1e-4))
+  giPoint3coDynArr rings = sample_cone(rng, apex, giUnitVec3(0, 0.6, -0.8), 0.3, 20, 20, 0, 2 * giPi, 8, 1e-4);
+  for (giPoint3 const& p : sample_cone(rng, apex, giUnitVec3(0, 0.6, -0.8), 0.3, 45, 45, 0, 2 * giPi, 8, 1e-4))
     rings.append(p);
   ASSERT_LT(gfConeGuessGenerator(rings, giUnitVec3coDynArr()).get_guess_two_circles(start), DBL_MAX);
   converges(rings, start, apex, 0.3);
   // A nearly flat cone (88 degrees), its apex on either side of the points' plane.
   for (double sign : {1.0, -1.0}) {
-    const double theta = 88 * M_PI / 180;
+    const double theta = 88 * giPi / 180;
     giPoint3coDynArr pts =
-        sample_cone(rng, giPoint3(0, 0, 2), giUnitVec3(0, 0, sign), theta, 0.2, 1.4, 0, 2 * M_PI, 300, 1e-4);
+        sample_cone(rng, giPoint3(0, 0, 2), giUnitVec3(0, 0, sign), theta, 0.2, 1.4, 0, 2 * giPi, 300, 1e-4);
     gfConeGuessGenerator generator(pts, giUnitVec3coDynArr());
     mlVector up(8), down(8);
     const double up_deviation = generator.get_guess_flat(up, 1), down_deviation = generator.get_guess_flat(down, -1);
@@ -185,7 +185,7 @@ TEST(ConeRecovery, EachStartConvergesOnItsCase) {
   }
   // Along the right axis, the linear start and the fixed-axis fit are the cone itself.
   const giUnitVec3 axis(-1, 2, 2);
-  giPoint3coDynArr exact = sample_cone(rng, giPoint3(200, 100, -50), axis, 0.9, 3, 25, 0, 2 * M_PI, 100, 0.0);
+  giPoint3coDynArr exact = sample_cone(rng, giPoint3(200, 100, -50), axis, 0.9, 3, 25, 0, 2 * giPi, 100, 0.0);
   gfConeGuessGenerator generator(exact, giUnitVec3coDynArr());
   EXPECT_LT(generator.get_guess_linear(axis, start), 1e-18);
   EXPECT_LT(generator.get_guess_fixed_axis_fit(axis, start), 1e-18);
@@ -196,10 +196,10 @@ TEST(ConeRecovery, RefinementOfAGrownPointSet) {
   Rng rng(74);
   const giPoint3 apex(10, 20, 30);
   const giUnitVec3 axis(0.6, 0, 0.8);
-  giPoint3coDynArr pts = sample_cone(rng, apex, axis, 0.4, 10, 30, 0, 2 * M_PI, 200, 1e-3);
+  giPoint3coDynArr pts = sample_cone(rng, apex, axis, 0.4, 10, 30, 0, 2 * giPi, 200, 1e-3);
   Cone first;
   ASSERT_EQ(fit(pts, first), 1);
-  for (giPoint3 const& p : sample_cone(rng, apex, axis, 0.4, 10, 30, 0, 2 * M_PI, 10, 1e-3)) pts.append(p);
+  for (giPoint3 const& p : sample_cone(rng, apex, axis, 0.4, 10, 30, 0, 2 * giPi, 10, 1e-3)) pts.append(p);
   Cone refined = first, full;
   ASSERT_EQ(fit(pts, refined, giUnitVec3(), giAngle(), 10), 1);
   ASSERT_EQ(fit(pts, full), 1);
@@ -216,7 +216,7 @@ TEST(ConeRecovery, RefinementOfAGrownPointSet) {
 TEST(ConeRecovery, SeveralConesInOnePointSet) {
   Rng rng(75);
   const giUnitVec3 axis(0, 0, 1);
-  giPoint3coDynArr pts = sample_cone(rng, giPoint3(0, 0, 40), axis, 0.5, 10, 40, 0, 2 * M_PI, 300, 1e-4);
+  giPoint3coDynArr pts = sample_cone(rng, giPoint3(0, 0, 40), axis, 0.5, 10, 40, 0, 2 * giPi, 300, 1e-4);
   gfFittedConecoDynArr results;
   EXPECT_EQ(gfLeastSquareEvaluator::evaluate_multiple_cones(pts, giUnitVec3coDynArr{axis, giUnitVec3(1, 0, 0)}, 0.01,
                                                             giAngle::from_degrees(2), 2, results),
@@ -226,7 +226,7 @@ TEST(ConeRecovery, SeveralConesInOnePointSet) {
   EXPECT_NEAR(results[0].half_angle().radians(), 0.5, 1e-5);
   EXPECT_EQ(results[0].invalid(), 0);
   // A dense scan is searched on 2000 of its points; what it keeps is refined on all.
-  giPoint3coDynArr dense = sample_cone(rng, giPoint3(0, 0, 40), axis, 0.5, 10, 40, 0, 2 * M_PI, 20000, 1e-4);
+  giPoint3coDynArr dense = sample_cone(rng, giPoint3(0, 0, 40), axis, 0.5, 10, 40, 0, 2 * giPi, 20000, 1e-4);
   gfFittedConecoDynArr one;
   ASSERT_EQ(gfLeastSquareEvaluator::evaluate_multiple_cones(dense, giUnitVec3coDynArr{axis}, 0.01,
                                                             giAngle::from_degrees(2), 1, one),
@@ -272,24 +272,24 @@ TEST(ConeProblem, NormalisationDistanceAndScales) {
     EXPECT_NEAR(after, before, tolerance);
   };
   // 3 pi / 4 becomes pi / 4 with u and d reversed (u also made unit).
-  mlVector p{0, 0, 0, 0, 0, 2, 0.5, 3 * M_PI / 4};
+  mlVector p{0, 0, 0, 0, 0, 2, 0.5, 3 * giPi / 4};
   cone.normalize_parameters(p);
-  EXPECT_NEAR(p[7], M_PI / 4, 1e-15);
+  EXPECT_NEAR(p[7], giPi / 4, 1e-15);
   EXPECT_EQ(p[5], -1.0);
   EXPECT_EQ(p[6], -0.5);
   // -pi/6 becomes pi/6 with u reversed and d as it was: the same cone.
-  mlVector q{0, 0, 0, 0, 0, 1, 0.5, -M_PI / 6};
+  mlVector q{0, 0, 0, 0, 0, 1, 0.5, -giPi / 6};
   normalise(q, 1e-15);
-  EXPECT_NEAR(q[7], M_PI / 6, 1e-15);
+  EXPECT_NEAR(q[7], giPi / 6, 1e-15);
   EXPECT_EQ(q[5], -1.0);
   EXPECT_EQ(q[6], 0.5);
   // The axis point slides to the foot of the perpendicular from the origin; d follows.
-  mlVector r{0, 0, 5, 0, 0, 1, 0.0, M_PI / 4};
+  mlVector r{0, 0, 5, 0, 0, 1, 0.0, giPi / 4};
   normalise(r, 1e-14);
   EXPECT_EQ(r[2], 0.0);
   // Apex at the origin, 45 degrees: a point on the axis one unit inside the cone is
   // -sin(45) away from it.
-  cone.set_parameters(mlVector{0, 0, 0, 0, 0, 1, 0, M_PI / 4});
+  cone.set_parameters(mlVector{0, 0, 0, 0, 0, 1, 0, giPi / 4});
   double d = 0.0;
   cone.get_distance(d, 0);
   EXPECT_NEAR(d, -0.7071067811865476, 1e-15);
@@ -298,7 +298,7 @@ TEST(ConeProblem, NormalisationDistanceAndScales) {
   ASSERT_EQ(s.size(), 8);
   EXPECT_DOUBLE_EQ(s[3], 5.0);  // the farther point, (3, 0, -4), from the apex
   EXPECT_DOUBLE_EQ(s[7], 5.0);
-  EXPECT_DOUBLE_EQ(s[6], 1.0 / std::sin(M_PI / 4));
+  EXPECT_DOUBLE_EQ(s[6], 1.0 / std::sin(giPi / 4));
   EXPECT_EQ(s[0], 1.0);
 }
 
@@ -349,7 +349,7 @@ TEST(ConeProblem, AgreementWithNormalsAndGuide) {
   Rng rng(77);
   giUnitVec3coDynArr normals;
   giPoint3coDynArr pts =
-      sample_cone(rng, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), 0.4, 2, 8, 0, 2 * M_PI, 30, 0.0, &normals);
+      sample_cone(rng, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), 0.4, 2, 8, 0, 2 * giPi, 30, 0.0, &normals);
   mlVector p{0, 0, 0, 0, 0, 1, 0, 0.4}, wider{0, 0, 0, 0, 0, 1, 0, 0.45};  // wider: 2.9 degrees off every normal
   auto agree = [&](giUnitVec3 const& guide, giUnitVec3coDynArr const& n, mlVector& cone) {
     return gfLeastSquareCone::are_normals_in_limit(pts, giAngle::from_degrees(1), guide, n, cone);
@@ -399,7 +399,7 @@ TEST(ConeFarAway, KeepsItsDigitsWhereverThePointsLieAndInAnyOrder) {
   Rng rng(80);
   const giUnitVec3 axis(0.3, -0.5, 0.81);
   for (int n : {600, 3000}) {  // all points ranked; a subset
-    giPoint3coDynArr near = sample_cone(rng, giPoint3(3, -2, 5), axis, 25 * M_PI / 180, 20, 60, 0, 2 * M_PI, n, 1e-3);
+    giPoint3coDynArr near = sample_cone(rng, giPoint3(3, -2, 5), axis, 25 * giPi / 180, 20, 60, 0, 2 * giPi, n, 1e-3);
     for (double offset : {1e5, 1e6, 1e7}) {
       SCOPED_TRACE(::testing::Message() << n << " points, offset " << offset);
       const giVector3 o = giVector3(0.6, -0.48, 0.64) * offset;
@@ -426,8 +426,8 @@ TEST(ConeEdges, NoConeInThePointsCostsFewTimesARealCone) {
   Rng rng(81);
   const int n = 16000;
   giPoint3coDynArr plane = sample_plane(rng, giPoint3(500, -300, 250), giUnitVec3(0.1, 0.2, 1), 100, 80, n, 1e-3);
-  giPoint3coDynArr cone = sample_cone(rng, giPoint3(-260, 140, 310), giUnitVec3(-0.4, 0.3, 0.87), 25 * M_PI / 180,
-                                      20, 60, 0, 2 * M_PI, n, 1e-3);
+  giPoint3coDynArr cone = sample_cone(rng, giPoint3(-260, 140, 310), giUnitVec3(-0.4, 0.3, 0.87), 25 * giPi / 180,
+                                      20, 60, 0, 2 * giPi, n, 1e-3);
   const int previous = gfSetMaxThreads(1);
   auto seconds = [](giPoint3coDynArr const& pts) {
     double best = DBL_MAX;

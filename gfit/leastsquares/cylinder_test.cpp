@@ -66,7 +66,7 @@ TEST(CylinderRecovery, NoisyFullCylindersAnywhereAndAQuarterPatch) {
     giUnitVec3 axis = rng.direction();
     double radius = rng.uniform(5, 40), half_length = rng.uniform(10, 60);
     Cylinder c;
-    ASSERT_EQ(fit(sample_cylinder(rng, point, axis, radius, half_length, 0, 2 * M_PI, 600, noise), c), 1);
+    ASSERT_EQ(fit(sample_cylinder(rng, point, axis, radius, half_length, 0, 2 * giPi, 600, noise), c), 1);
     // The tilt is known to about noise / (rms height * sqrt(n / 2)) < 1e-5 rad; position and
     // radius to a few noise / sqrt(n); allow five times.
     EXPECT_LT(line_angle(c.direction, axis), 5e-5);
@@ -78,7 +78,7 @@ TEST(CylinderRecovery, NoisyFullCylindersAnywhereAndAQuarterPatch) {
   giPoint3 point(250, -120, 40);
   giUnitVec3 axis(0.2, 0.9, -0.3);
   Cylinder c;
-  ASSERT_EQ(fit(sample_cylinder(patch_rng, point, axis, 25, 30, 1.0, M_PI / 2, 800, noise), c), 1);
+  ASSERT_EQ(fit(sample_cylinder(patch_rng, point, axis, 25, 30, 1.0, giPi / 2, 800, noise), c), 1);
   // A quarter of the circumference leaves the radius and the depth of the axis correlated:
   // they are known to about 20 * noise / sqrt(n); allow 3e-3.
   EXPECT_LT(line_angle(c.direction, axis), 1e-4);
@@ -90,7 +90,7 @@ TEST(CylinderRecovery, NormalsAndAGuessGuideTheAxis) {
   Rng rng(43);
   giUnitVec3 axis(1, 2, 2);
   giUnitVec3coDynArr normals;
-  giPoint3coDynArr pts = sample_cylinder(rng, giPoint3(10, 20, 30), axis, 8, 15, 0, 2 * M_PI, 300, 1e-3, &normals);
+  giPoint3coDynArr pts = sample_cylinder(rng, giPoint3(10, 20, 30), axis, 8, 15, 0, 2 * giPi, 300, 1e-3, &normals);
   Cylinder c, inward, guided;
   ASSERT_EQ(fit(pts, normals, c), 1);
   EXPECT_LT(line_angle(c.direction, axis), 1e-4);
@@ -105,10 +105,10 @@ TEST(CylinderRecovery, RefinementOfAGrownPointSet) {
   Rng rng(44);
   giPoint3 point(-5, 7, 2);
   giUnitVec3 axis(0, 0.6, 0.8);
-  giPoint3coDynArr pts = sample_cylinder(rng, point, axis, 12, 20, 0, 2 * M_PI, 200, 1e-3);
+  giPoint3coDynArr pts = sample_cylinder(rng, point, axis, 12, 20, 0, 2 * giPi, 200, 1e-3);
   Cylinder first;
   ASSERT_EQ(fit(pts, first), 1);
-  for (giPoint3 const& p : sample_cylinder(rng, point, axis, 12, 20, 0, 2 * M_PI, 10, 1e-3)) pts.append(p);
+  for (giPoint3 const& p : sample_cylinder(rng, point, axis, 12, 20, 0, 2 * giPi, 10, 1e-3)) pts.append(p);
   Cylinder refined = first, full;
   ASSERT_EQ(fit(pts, refined, giUnitVec3(), giAngle(), 10), 1);
   ASSERT_EQ(fit(pts, full), 1);
@@ -180,8 +180,8 @@ TEST(CylinderProblem, FittedCylinderCoincidenceAndValidity) {
 TEST(CylinderProblem, SeveralCylindersInOnePointSet) {
   Rng rng(46);
   giUnitVec3 a1(0, 0, 1), a2(1, 0, 0);
-  giPoint3coDynArr pts = sample_cylinder(rng, giPoint3(0, 0, 0), a1, 5, 10, 0, 2 * M_PI, 300, 1e-4);
-  for (giPoint3 const& p : sample_cylinder(rng, giPoint3(0, 30, 0), a2, 3, 10, 0, 2 * M_PI, 300, 1e-4)) pts.append(p);
+  giPoint3coDynArr pts = sample_cylinder(rng, giPoint3(0, 0, 0), a1, 5, 10, 0, 2 * giPi, 300, 1e-4);
+  for (giPoint3 const& p : sample_cylinder(rng, giPoint3(0, 30, 0), a2, 3, 10, 0, 2 * giPi, 300, 1e-4)) pts.append(p);
   gfFittedCylindercoDynArr results;
   giUnitVec3coDynArr preferred{a1, a2};
   // Each cylinder alone leaves the other's points as far outliers: no single cylinder has a
@@ -190,13 +190,13 @@ TEST(CylinderProblem, SeveralCylindersInOnePointSet) {
       gfLeastSquareEvaluator::evaluate_multiple_cylinders(pts, preferred, 0.01, giAngle::from_degrees(2), 2, results),
       0);
   // ... while one cylinder's points alone give it back, once.
-  giPoint3coDynArr single = sample_cylinder(rng, giPoint3(0, 0, 0), a1, 5, 10, 0, 2 * M_PI, 300, 1e-4);
+  giPoint3coDynArr single = sample_cylinder(rng, giPoint3(0, 0, 0), a1, 5, 10, 0, 2 * giPi, 300, 1e-4);
   EXPECT_EQ(gfCalculateMultipleLeastSquareCylinders(single, preferred, 0.01, giAngle::from_degrees(2), 2, results), 1);
   ASSERT_EQ(results.count(), 1);
   EXPECT_NEAR(results[0].radius(), 5.0, 1e-4);
   EXPECT_LT(line_angle(results[0].axis_dir(), a1), 1e-4);
   // A dense scan is searched on 2000 of its points; what it keeps is refined on all.
-  giPoint3coDynArr dense = sample_cylinder(rng, giPoint3(0, 0, 0), a1, 5, 10, 0, 2 * M_PI, 20000, 1e-4);
+  giPoint3coDynArr dense = sample_cylinder(rng, giPoint3(0, 0, 0), a1, 5, 10, 0, 2 * giPi, 20000, 1e-4);
   gfFittedCylindercoDynArr one;
   ASSERT_EQ(gfCalculateMultipleLeastSquareCylinders(dense, preferred, 0.01, giAngle::from_degrees(2), 1, one), 1);
   Cylinder all;
@@ -218,7 +218,7 @@ TEST(CylinderFarAway, KeepsItsDigitsWhereverThePointsLieAndInAnyOrder) {
   };
   Rng rng(49);
   const giUnitVec3 axis(0.3, -0.5, 0.81);
-  for (Case c : {Case{600, 2 * M_PI}, Case{3000, M_PI / 2}}) {  // all points ranked; a subset
+  for (Case c : {Case{600, 2 * giPi}, Case{3000, giPi / 2}}) {  // all points ranked; a subset
     giPoint3coDynArr near = sample_cylinder(rng, giPoint3(3, -2, 5), axis, 20, 40, 0, c.span, c.n, 1e-3);
     for (double offset : {1e5, 1e6, 1e7}) {
       SCOPED_TRACE(::testing::Message() << c.n << " points, offset " << offset);
@@ -250,7 +250,7 @@ TEST(CylinderFarAway, DenseScansEndAtTheLeastSquaresCylinder) {
   Rng rng(50);
   const giPoint3 point(250, -120, 40);
   const giUnitVec3 axis(0.2, 0.9, -0.3);
-  for (double span : {2 * M_PI, M_PI / 6}) {
+  for (double span : {2 * giPi, giPi / 6}) {
     giPoint3coDynArr pts = sample_cylinder(rng, point, axis, 25, 30, 1.0, span, 20000, 1e-3);
     Cylinder c;
     ASSERT_EQ(fit(pts, c), 1);
@@ -277,15 +277,15 @@ TEST(CylinderSearch, RanksBatchesAsTheLeastSquaresCircleOnMultiModalData) {
   std::vector<Data> sets;
   {
     // Two crossing cylinders of about equal size: either is a near-equal minimum.
-    giPoint3coDynArr p = sample_cylinder(rng, giPoint3(0, 0, 0), giUnitVec3(1, 0, 0), 10, 30, 0, 2 * M_PI, 300, 1e-3);
-    for (giPoint3 const& q : sample_cylinder(rng, giPoint3(0, 0, 0), giUnitVec3(0, 1, 0.05), 10, 30, 0, 2 * M_PI, 303,
+    giPoint3coDynArr p = sample_cylinder(rng, giPoint3(0, 0, 0), giUnitVec3(1, 0, 0), 10, 30, 0, 2 * giPi, 300, 1e-3);
+    for (giPoint3 const& q : sample_cylinder(rng, giPoint3(0, 0, 0), giUnitVec3(0, 1, 0.05), 10, 30, 0, 2 * giPi, 303,
                                              1e-3))
       p.append(q);
     sets.push_back({"crossing", p});
   }
   {
-    giPoint3coDynArr p = sample_cylinder(rng, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), 10, 30, 0, 2 * M_PI, 300, 1e-3);
-    for (giPoint3 const& q : sample_cylinder(rng, giPoint3(25, 0, 0), giUnitVec3(0, 0, 1), 10.2, 30, 0, 2 * M_PI, 300,
+    giPoint3coDynArr p = sample_cylinder(rng, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), 10, 30, 0, 2 * giPi, 300, 1e-3);
+    for (giPoint3 const& q : sample_cylinder(rng, giPoint3(25, 0, 0), giUnitVec3(0, 0, 1), 10.2, 30, 0, 2 * giPi, 300,
                                              1e-3))
       p.append(q);
     sets.push_back({"side by side", p});
@@ -392,7 +392,7 @@ TEST(CylinderEdges, ACancelledFitReturnsPromptly) {
   Rng rng(52);
   const giPoint3 point(10, 20, 30);
   const giUnitVec3 axis(0.3, -0.5, 0.81);
-  giPoint3coDynArr pts = sample_cylinder(rng, point, axis, 20, 40, 0, 2 * M_PI, 1000000, 1e-3);
+  giPoint3coDynArr pts = sample_cylinder(rng, point, axis, 20, 40, 0, 2 * giPi, 1000000, 1e-3);
   const int previous = gfSetMaxThreads(1);
   {
     CancelFlag cancel;
@@ -411,7 +411,7 @@ TEST(CylinderEdges, ACancelledFitReturnsPromptly) {
   // The full search, and the refinement of a previous solution 5 degrees off (the solver
   // on all the points). The time from the flag to the return is the fitting thread's own
   // (its processor time where the platform tells it), so that a busy machine does not count.
-  const giUnitVec3 tilted(giVector3(axis) + giVector3(axis.any_normal()) * std::tan(5 * M_PI / 180));
+  const giUnitVec3 tilted(giVector3(axis) + giVector3(axis.any_normal()) * std::tan(5 * giPi / 180));
   const FittingThreadClock clock;
   for (int k : {0, -1}) {
     SCOPED_TRACE(::testing::Message() << "k " << k);

@@ -72,7 +72,7 @@ TEST(DirectCircle, ExactCirclesUpToAHundredRadiiFromTheOrigin) {
   Rng rng(5);
   for (double r : {1e-3, 1.0, 80.0, 250.0, 4000.0})
     for (double distance : {0.0, 1.0, 10.0, 50.0, 100.0})
-      for (double span : {2 * M_PI, 0.5 * M_PI}) {
+      for (double span : {2 * giPi, 0.5 * giPi}) {
         if ((r > 100 && distance > 50) || (r > 1000 && span < 6)) continue;
         giUnitVec3 d = rng.direction();
         giPoint2 c(distance * r * d.x(), distance * r * d.y());
@@ -89,7 +89,7 @@ TEST(DirectCircle, NoisyCirclesComeBackWithinTheirStatisticalError) {
   Rng rng(7);
   const int n = 200;
   for (double distance : {0.0, 10.0, 200.0})
-    for (double span : {2 * M_PI, M_PI}) {
+    for (double span : {2 * giPi, giPi}) {
       const double r = 30.0, sigma = 0.01;
       giPoint2 c(distance * r, -0.5 * distance * r);
       gfDirectCircle2 fit(sample_circle2(rng, c, r, 1.0, span, n, sigma));
@@ -189,13 +189,13 @@ TEST(DirectEllipse, ExactEllipsesNearTheOrigin) {
   struct Case {
     double a, distance, span;
   };
-  const Case cases[] = {{0.01, 0, 2 * M_PI}, {0.01, 3, 2 * M_PI}, {1, 3, 2 * M_PI},   {10, 3, 2 * M_PI}, {1, 1, M_PI},
-                        {10, 1, M_PI},       {1, 0, 0.5 * M_PI},  {600, 0, 2 * M_PI}, {600, 0, M_PI}};
+  const Case cases[] = {{0.01, 0, 2 * giPi}, {0.01, 3, 2 * giPi}, {1, 3, 2 * giPi},   {10, 3, 2 * giPi}, {1, 1, giPi},
+                        {10, 1, giPi},       {1, 0, 0.5 * giPi},  {600, 0, 2 * giPi}, {600, 0, giPi}};
   Rng rng(17);
   for (Case const& k : cases) {
-    double direction = rng.uniform(0, 2 * M_PI);
+    double direction = rng.uniform(0, 2 * giPi);
     EllipseCase t{giPoint2(k.distance * k.a * std::cos(direction), k.distance * k.a * std::sin(direction)), k.a,
-                  0.5 * k.a, rng.uniform(0, M_PI)};
+                  0.5 * k.a, rng.uniform(0, giPi)};
     gfDirectEllipse2 e(sample_ellipse2(nullptr, t.centre, t.a, t.b, t.angle, rng.uniform(0, 6), k.span, 40, 0.0));
     ASSERT_EQ(e.status(), S::fitted);
     EXPECT_LT(ellipse_error(e, t), 1e-9) << k.a << " " << k.distance << " " << k.span;
@@ -216,9 +216,9 @@ TEST(DirectEllipse, NoisyEllipsesComeBackWithinTheirStatisticalError) {
   Rng rng(19);
   const int n = 400;
   const double sigma = 0.002;
-  for (double span : {2 * M_PI, 0.75 * 2 * M_PI})
+  for (double span : {2 * giPi, 0.75 * 2 * giPi})
     for (int trial = 0; trial < 4; ++trial) {
-      EllipseCase t{giPoint2(rng.uniform(-20, 20), rng.uniform(-20, 20)), 12.0, 7.0, rng.uniform(0, M_PI)};
+      EllipseCase t{giPoint2(rng.uniform(-20, 20), rng.uniform(-20, 20)), 12.0, 7.0, rng.uniform(0, giPi)};
       gfDirectEllipse2 e(sample_ellipse2(&rng, t.centre, t.a, t.b, t.angle, rng.uniform(0, 6), span, n, sigma));
       ASSERT_EQ(e.status(), S::fitted);
       ASSERT_GT(e.a_length() - e.b_length(), 1.0) << "fell back to a circle";
@@ -244,11 +244,11 @@ TEST(DirectEllipse, FallsBackToTheCircle) {
   // Three points: the circle through them.
   expect_circle(gfDirectEllipse2({giPoint2(0, 0), giPoint2(6, 8), giPoint2(-1, 7)}), giPoint2(3, 4), 5, 1e-13);
   // A semi-axis beyond 1000 fails the eigenvalue test (1 / a^2 < 1e-6): the circle instead.
-  giPoint2coDynArr wide = sample_ellipse2(nullptr, giPoint2(0, 0), 1100, 700, 0.3, 0.0, 2 * M_PI, 40, 0.0);
+  giPoint2coDynArr wide = sample_ellipse2(nullptr, giPoint2(0, 0), 1100, 700, 0.3, 0.0, 2 * giPi, 40, 0.0);
   ASSERT_EQ(gfDirectCircle2(wide).status(), S::fitted);
   expect_circle(gfDirectEllipse2(wide), gfDirectCircle2(wide).centre(), gfDirectCircle2(wide).radius(), 1e-9);
   // Far from the origin (30 sizes) the unscaled scatter of (x, y, 1) is singular.
-  giPoint2coDynArr far = sample_ellipse2(nullptr, giPoint2(300, -40), 10, 6, 0.5, 0.0, 2 * M_PI, 40, 0.0);
+  giPoint2coDynArr far = sample_ellipse2(nullptr, giPoint2(300, -40), 10, 6, 0.5, 0.0, 2 * giPi, 40, 0.0);
   expect_circle(gfDirectEllipse2(far), gfDirectCircle2(far).centre(), gfDirectCircle2(far).radius(), 1e-9);
 
   EXPECT_EQ(gfDirectEllipse2({giPoint2(0, 0), giPoint2(1, 1), giPoint2(2, 2)}).status(), S::singular);
@@ -261,7 +261,7 @@ TEST(DirectEllipse, InSpaceWithTheWorkplaneAlongTheMinorAxis) {
   Rng rng(23);
   giWorkplane3 frame = random_frame(rng, 100.0);
   EllipseCase t{giPoint2(2, -1), 9.0, 4.0, 0.7};
-  giPoint2coDynArr flat = sample_ellipse2(nullptr, t.centre, t.a, t.b, t.angle, 0.0, 2 * M_PI, 36, 0.0);
+  giPoint2coDynArr flat = sample_ellipse2(nullptr, t.centre, t.a, t.b, t.angle, 0.0, 2 * giPi, 36, 0.0);
   giPoint3coDynArr p = lift(flat, frame);
   gfDirectEllipse3 e(p);
   ASSERT_EQ(e.status(), S::fitted);

@@ -22,8 +22,8 @@ int fit(giPoint2coDynArr const& pts, Ellipse& e) {
 
 // The angle between two axis directions (lines, modulo pi).
 double axis_difference(double a, double b) {
-  double d = std::fmod(std::fabs(a - b), M_PI);
-  return std::fmin(d, M_PI - d);
+  double d = std::fmod(std::fabs(a - b), giPi);
+  return std::fmin(d, giPi - d);
 }
 
 TEST(EllipseRecovery, EccentricRotatedPartialFarFromTheOriginAndRound) {
@@ -38,7 +38,7 @@ TEST(EllipseRecovery, EccentricRotatedPartialFarFromTheOriginAndRound) {
   };
   const double noise = 1e-3;
   for (Case const& k : cases)
-    for (double span : {2 * M_PI, M_PI}) {
+    for (double span : {2 * giPi, giPi}) {
       SCOPED_TRACE(::testing::Message() << k.a << " " << span);
       Ellipse e;
       ASSERT_EQ(fit(sample_ellipse2(&rng, k.centre, k.a, k.b, k.theta, 0.3, span, 400, noise), e), 1);
@@ -46,19 +46,19 @@ TEST(EllipseRecovery, EccentricRotatedPartialFarFromTheOriginAndRound) {
       EXPECT_LT(e.centre.distance(k.centre), 5e-3);
       EXPECT_NEAR(e.major, std::fmax(k.a, k.b), 5e-3);
       EXPECT_NEAR(e.minor, std::fmin(k.a, k.b), 5e-3);
-      EXPECT_LT(axis_difference(e.angle, k.a >= k.b ? k.theta : k.theta + M_PI / 2), 1e-3);
+      EXPECT_LT(axis_difference(e.angle, k.a >= k.b ? k.theta : k.theta + giPi / 2), 1e-3);
       EXPECT_GE(e.angle, 0.0);
-      EXPECT_LT(e.angle, M_PI);
+      EXPECT_LT(e.angle, giPi);
       EXPECT_NEAR(e.rms, noise, 2e-4);
     }
   // Points of a circle give equal axes.
   Ellipse e;
-  ASSERT_EQ(fit(sample_ellipse2(nullptr, giPoint2(3, -4), 7, 7, 0.0, 0.0, 2 * M_PI, 24, 0.0), e), 1);
+  ASSERT_EQ(fit(sample_ellipse2(nullptr, giPoint2(3, -4), 7, 7, 0.0, 0.0, 2 * giPi, 24, 0.0), e), 1);
   EXPECT_NEAR(e.major, 7.0, 1e-9);
   EXPECT_NEAR(e.minor, 7.0, 1e-9);
   EXPECT_LT(e.rms, 1e-9);
   EXPECT_GE(e.angle, 0.0);
-  EXPECT_LT(e.angle, M_PI);
+  EXPECT_LT(e.angle, giPi);
 }
 
 TEST(EllipseDistance, FootPointsOnAxesAndAtTheCentreNeverFail) {
@@ -85,7 +85,7 @@ TEST(EllipseDistance, FootPointsOnAxesAndAtTheCentreNeverFail) {
   for (int k = 0; k < 200; ++k) {
     double u = rng.uniform(-12, 12), v = rng.uniform(-12, 12), best = 1e300;
     for (int j = 0; j < 200000; ++j) {
-      double t = j * 2 * M_PI / 200000;
+      double t = j * 2 * giPi / 200000;
       best = std::fmin(best, std::hypot(8 * std::cos(t) - u, 2 * std::sin(t) - v));
     }
     EXPECT_NEAR(std::fabs(gfit::detail::ellipse_frame_distance(8, 2, u, v, fx, fy)), best, 2e-6);
@@ -94,7 +94,7 @@ TEST(EllipseDistance, FootPointsOnAxesAndAtTheCentreNeverFail) {
 
 TEST(EllipseProblem, GradientMatchesCentralDifferences) {
   Rng rng(53);
-  giPoint2coDynArr pts = sample_ellipse2(&rng, giPoint2(1, 2), 6, 3, 0.5, 0, 2 * M_PI, 40, 0.5);
+  giPoint2coDynArr pts = sample_ellipse2(&rng, giPoint2(1, 2), 6, 3, 0.5, 0, 2 * giPi, 40, 0.5);
   gfLeastSquareEllipse problem(pts);
   EXPECT_LT(gradient_error(problem, mlVector{5.5, 3.2, 1.1, 1.9, 0.45}), 1e-6);
   EXPECT_LT(gradient_error(problem, mlVector{-5.5, 3.2, 1.1, 1.9, 0.45}), 1e-6);  // a negative axis
@@ -121,7 +121,7 @@ TEST(EllipseEdges, RefusalsAndTheEllipseInAPlane) {
   EXPECT_EQ(c.x(), 9.0);
   Rng rng(54);
   giPoint3coDynArr pts;
-  for (giPoint2 const& q : sample_ellipse2(&rng, giPoint2(0, 0), 10, 4, 0.0, 0, 2 * M_PI, 100, 0.0))
+  for (giPoint2 const& q : sample_ellipse2(&rng, giPoint2(0, 0), 10, 4, 0.0, 0, 2 * giPi, 100, 0.0))
     pts.append(origin + giVector3(along) * q.x() + giVector3(across) * q.y());
   ASSERT_EQ(in_plane(pts, along), 1);
   EXPECT_LT(c.distance(origin), 1e-8);

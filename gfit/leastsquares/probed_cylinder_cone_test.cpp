@@ -77,7 +77,7 @@ TEST(ProbedCylinder, CentresOffTheSurfaceGiveItBack) {
 
 TEST(ProbedCylinder, ZeroRadiiAreThePlainFit) {
   Rng rng(82);
-  giPoint3coDynArr pts = sample_cylinder(rng, giPoint3(5, 6, 7), giUnitVec3(1, -1, 2), 8, 10, 0, 2 * M_PI, 200, 1e-3);
+  giPoint3coDynArr pts = sample_cylinder(rng, giPoint3(5, 6, 7), giUnitVec3(1, -1, 2), 8, 10, 0, 2 * giPi, 200, 1e-3);
   Fitted f, plain;
   ASSERT_EQ(probed_cylinder(pts, constant(200, 0.0), 1, f), 1);
   ASSERT_EQ(gfLeastSquareEvaluator::evaluate_cylinder(pts, plain.point, plain.axis, plain.size, plain.rms, giUnitVec3(),
@@ -90,7 +90,7 @@ TEST(ProbedCylinder, ZeroRadiiAreThePlainFit) {
 
 TEST(ProbedCylinder, RefusalsAndANegativeRadius) {
   Rng rng(83);
-  giPoint3coDynArr surface = sample_cylinder(rng, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), 1.0, 5, 0, 2 * M_PI, 50, 0.0);
+  giPoint3coDynArr surface = sample_cylinder(rng, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), 1.0, 5, 0, 2 * giPi, 50, 0.0);
   Fitted f;
   f.axis = giUnitVec3(0, 0, 1);
   // Centres on a radius-1 cylinder touched from outside by balls of radius 2: no surface.
@@ -111,7 +111,7 @@ TEST(ProbedCone, CentresOffTheSurfaceGiveItBack) {
   const giUnitVec3 axis(-0.2, 0.9, 0.3);
   const double theta = 0.5;
   giUnitVec3coDynArr normals;
-  giPoint3coDynArr surface = sample_cone(rng, apex, axis, theta, 8, 30, 0, 2 * M_PI, 150, 0.0, &normals);
+  giPoint3coDynArr surface = sample_cone(rng, apex, axis, theta, 8, 30, 0, 2 * giPi, 150, 0.0, &normals);
   for (bool equal : {true, false}) {
     doublecoDynArr radii = equal ? constant(150, 1.5) : radii_between(rng, 150, 0.5, 2.0);
     for (int inside : {0, 1}) {
@@ -131,7 +131,7 @@ TEST(ProbedCone, ContactEstimatesGiveEachPointItsSide) {
   const double theta = 0.35;
   giUnitVec3coDynArr normals;
   giPoint3coDynArr surface =
-      sample_cone(rng, apex, giUnitVec3(0, 0.6, 0.8), theta, 10, 40, 0, 2 * M_PI, 100, 0.0, &normals);
+      sample_cone(rng, apex, giUnitVec3(0, 0.6, 0.8), theta, 10, 40, 0, 2 * giPi, 100, 0.0, &normals);
   doublecoDynArr radii = radii_between(rng, 100, 0.5, 1.0);
   // Alternate sides: no single flag describes these centres, the contacts do.
   giPoint3coDynArr balls(100, 16), contacts(100, 16), short_contacts(99, 16);
@@ -160,7 +160,7 @@ TEST(ProbedCone, ContactEstimatesGiveEachPointItsSide) {
 
 TEST(ProbedCone, ZeroRadiiAreThePlainFit) {
   Rng rng(86);
-  giPoint3coDynArr pts = sample_cone(rng, giPoint3(1, 2, 3), giUnitVec3(2, 1, -1), 0.8, 5, 20, 0, 2 * M_PI, 200, 1e-3);
+  giPoint3coDynArr pts = sample_cone(rng, giPoint3(1, 2, 3), giUnitVec3(2, 1, -1), 0.8, 5, 20, 0, 2 * giPi, 200, 1e-3);
   Fitted f, plain;
   ASSERT_EQ(probed_cone(pts, constant(200, 0.0), 0, giPoint3coDynArr(), f), 1);
   ASSERT_EQ(gfLeastSquareEvaluator::evaluate_cone(pts, plain.point, plain.axis, plain.size, plain.rms, giUnitVec3(),

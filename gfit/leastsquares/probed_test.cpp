@@ -141,7 +141,7 @@ TEST(ProbedProblems, GradientsMatchCentralDifferences) {
 TEST(ProbedProblems, EllipseClosestPointAndNormal) {
   giPoint2coDynArr pts{giPoint2(10, 2), giPoint2(1, 6)};
   gfLeastSquareProbedEllipse e(pts);
-  e.set_parameters(mlVector{5, 3, 1, 2, M_PI / 2});  // a-axis along +y, centred at (1, 2)
+  e.set_parameters(mlVector{5, 3, 1, 2, giPi / 2});  // a-axis along +y, centred at (1, 2)
   double d;
   giPoint2 closest;
   giVector2 normal;

@@ -371,7 +371,7 @@ TEST(Refusals, ThinArcsStayAccepted) {
   Rng rng(1103);
   for (double degrees : {20.0, 5.0, 1.0}) {
     SCOPED_TRACE(degrees);
-    const double span = degrees * M_PI / 180.0;
+    const double span = degrees * giPi / 180.0;
     giPoint2coDynArr arc = sample_circle2(rng, giPoint2(1e5, -2e5), 50, 1.0, span, 40, 1e-6);
     Outputs o;
     ASSERT_EQ(circle(arc)(o), 1) << gfLastReasonText();

@@ -26,7 +26,7 @@ TEST(SphereFit, ExactSpheresUpToThirtyRadiiFromTheOrigin) {
   Rng rng(3);
   for (double r : {1e-3, 1.0, 50.0, 2000.0})
     for (double distance : {0.0, 3.0, 30.0})
-      for (double cap : {M_PI, 0.5 * M_PI}) {
+      for (double cap : {giPi, 0.5 * giPi}) {
         giPoint3 c = giPoint3(0, 0, 0) + rng.direction() * (distance * r);
         giPoint3coDynArr p = sample_sphere(rng, c, r, rng.direction(), cap, 60, 0.0);
         gfSphereFit s(p);
@@ -43,7 +43,7 @@ TEST(SphereFit, NoisySpheresComeBackWithinTheirStatisticalError) {
   Rng rng(5);
   const int n = 500;
   const double r = 20.0, sigma = 0.02;
-  for (double cap : {M_PI, 0.5 * M_PI}) {
+  for (double cap : {giPi, 0.5 * giPi}) {
     giPoint3 c(150, -40, 75);
     giPoint3coDynArr p = sample_sphere(rng, c, r, rng.direction(), cap, n, sigma);
     gfSphereFit s(p);

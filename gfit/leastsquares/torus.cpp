@@ -522,7 +522,7 @@ std::vector<TorusStart> distinct_best(std::vector<TorusStart> starts, double siz
     const bool pa = a.torus[6] > 0.0 && a.torus[7] > 0.0, pb = b.torus[6] > 0.0 && b.torus[7] > 0.0;
     return pa != pb ? pa : a.sum_of_squares < b.sum_of_squares;
   });
-  const double parallel = std::cos(10.0 * M_PI / 180.0);
+  const double parallel = std::cos(10.0 * giPi / 180.0);
   std::vector<TorusStart> chosen;
   for (TorusStart const& s : starts) {
     if (static_cast<int>(chosen.size()) >= count) break;
@@ -606,7 +606,7 @@ bool search_torus(giPoint3coDynArr const& points, Fitted& best) {
         if (eig.eigenvalue(i) >= 0.5 * eig.eigenvalue(j))
           for (int k = 1; k < 18; ++k)
             if (k != 9)
-              directions.emplace_back(axes[i] * std::cos(k * M_PI / 18) + axes[j] * std::sin(k * M_PI / 18));
+              directions.emplace_back(axes[i] * std::cos(k * giPi / 18) + axes[j] * std::sin(k * giPi / 18));
   }
   for (int k = 0; k < gfLeastSquareDistance3::num_guess_directions(); ++k)
     directions.push_back(gfLeastSquareDistance3::guess_direction(k));
@@ -655,7 +655,7 @@ bool search_torus(giPoint3coDynArr const& points, Fitted& best) {
   // such as a spindle-shaped torus about a short elbow, are broad.
   const double rms = std::sqrt(first->sum_of_squares / m);
   if (!(first->torus[6] > 0.0 && rms <= 1e-3 * std::fmin(first->torus[6], first->torus[7]))) {
-    gfVectorGradient gradient(giVector3(first->axis()), M_PI, 7);
+    gfVectorGradient gradient(giVector3(first->axis()), giPi, 7);
     directions.clear();
     for (gfVectorGradientIterator it = gradient.iterator(); it++;) directions.push_back(it.vector().unit());
     scan_directions();

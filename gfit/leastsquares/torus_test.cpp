@@ -56,17 +56,17 @@ struct Shape {
 };
 
 const Shape kShapes[] = {
-    {"full ring", 40, 8, 0, 2 * M_PI, 0, 2 * M_PI, 1e-3},
-    {"outer half tube", 30, 10, 0, 2 * M_PI, -M_PI / 2, M_PI, 1e-3},
-    {"inner groove", 20, 3, 0, 2 * M_PI, M_PI / 2, M_PI, 1e-3},
-    {"convex fillet", 50, 4, 0, 2 * M_PI, 0, M_PI / 2, 5e-3},
-    {"groove segment", 20, 3, 0.5, 2.5, 2 * M_PI / 3, 2 * M_PI / 3, 5e-3},
-    {"90-degree elbow", 36, 12, 0, M_PI / 2, 0, 2 * M_PI, 5e-3},
-    {"fat 90-degree elbow", 18, 12, 0, M_PI / 2, 0, 2 * M_PI, 5e-3},
-    {"inner half of an elbow", 36, 12, 0.3, M_PI / 2, M_PI / 2, M_PI, 5e-3},
-    {"fillet patch", 50, 4, 1.0, M_PI / 2, 0, M_PI / 2, 5e-3},
-    {"concave fillet patch", 25, 5, 2.0, 2.0, M_PI, M_PI / 2, 5e-3},
-    {"45-degree elbow", 36, 12, 0, M_PI / 4, 0, 2 * M_PI, 2.5e-2},
+    {"full ring", 40, 8, 0, 2 * giPi, 0, 2 * giPi, 1e-3},
+    {"outer half tube", 30, 10, 0, 2 * giPi, -giPi / 2, giPi, 1e-3},
+    {"inner groove", 20, 3, 0, 2 * giPi, giPi / 2, giPi, 1e-3},
+    {"convex fillet", 50, 4, 0, 2 * giPi, 0, giPi / 2, 5e-3},
+    {"groove segment", 20, 3, 0.5, 2.5, 2 * giPi / 3, 2 * giPi / 3, 5e-3},
+    {"90-degree elbow", 36, 12, 0, giPi / 2, 0, 2 * giPi, 5e-3},
+    {"fat 90-degree elbow", 18, 12, 0, giPi / 2, 0, 2 * giPi, 5e-3},
+    {"inner half of an elbow", 36, 12, 0.3, giPi / 2, giPi / 2, giPi, 5e-3},
+    {"fillet patch", 50, 4, 1.0, giPi / 2, 0, giPi / 2, 5e-3},
+    {"concave fillet patch", 25, 5, 2.0, 2.0, giPi, giPi / 2, 5e-3},
+    {"45-degree elbow", 36, 12, 0, giPi / 4, 0, 2 * giPi, 2.5e-2},
 };
 
 // ---- recovery ---------------------------------------------------------------------------
@@ -104,13 +104,13 @@ TEST(TorusRecovery, GuessAndOrder) {
   Rng rng(72);
   const giPoint3 centre(310, -45, 120);
   const giUnitVec3 axis(0.3, -0.4, 0.85);
-  giPoint3coDynArr pts = gfit::testing::sample_torus(rng, centre, axis, 36, 12, 0, M_PI / 2, 0, 2 * M_PI, 600, 1e-3);
+  giPoint3coDynArr pts = gfit::testing::sample_torus(rng, centre, axis, 36, 12, 0, giPi / 2, 0, 2 * giPi, 600, 1e-3);
   Torus searched;
   ASSERT_EQ(fit(pts, searched), 1);
   // From a rough guess: the centre 2 off (partly along the axis) and the axis 5 degrees off.
   Torus guided;
   guided.centre = centre + giVector3(1.0, 1.0, 1.0);
-  guided.axis = giUnitVec3(giVector3(axis) + giVector3(axis.any_normal()) * std::tan(5 * M_PI / 180));
+  guided.axis = giUnitVec3(giVector3(axis) + giVector3(axis.any_normal()) * std::tan(5 * giPi / 180));
   ASSERT_EQ(gfLeastSquareEvaluator::evaluate_torus_with_guess(pts, guided.centre, guided.axis, guided.r1, guided.r2,
                                                               guided.residual),
             1);
@@ -134,8 +134,8 @@ TEST(TorusRecovery, GuessAndOrder) {
 
 TEST(TorusProblem, GradientNormalisationAndScales) {
   Rng rng(73);
-  giPoint3coDynArr pts = gfit::testing::sample_torus(rng, giPoint3(1, 2, 3), giUnitVec3(0, 0, 1), 10, 3, 0, 2 * M_PI,
-                                                     0, 2 * M_PI, 40, 0.5);
+  giPoint3coDynArr pts = gfit::testing::sample_torus(rng, giPoint3(1, 2, 3), giUnitVec3(0, 0, 1), 10, 3, 0, 2 * giPi,
+                                                     0, 2 * giPi, 40, 0.5);
   gfLeastSquareTorus problem(pts);
   // The distances read a unit axis: the gradient is checked at one, away from the start.
   giUnitVec3 tilted(0.1, -0.05, 1);
@@ -217,7 +217,7 @@ TEST(ProbedTorus, BallCentresGiveBackTheSurface) {
   const int n = 200;
   giUnitVec3coDynArr normals;
   giPoint3coDynArr surface =
-      gfit::testing::sample_torus(rng, centre, axis, 30, 6, 0, 2 * M_PI, 0, 2 * M_PI, n, 0.0, &normals);
+      gfit::testing::sample_torus(rng, centre, axis, 30, 6, 0, 2 * giPi, 0, 2 * giPi, n, 0.0, &normals);
   doublecoDynArr equal = constant(n, 1.5), mixed(n, 16);
   for (int i = 0; i < n; ++i) mixed.append(0.5 + 2.0 * rng.uniform());
   for (int inside : {0, 1}) {
@@ -244,7 +244,7 @@ TEST(ProbedTorus, BallCentresGiveBackTheSurface) {
 TEST(ProbedTorus, ZeroRadiiEqualThePlainFitAndRefusals) {
   Rng rng(76);
   giPoint3coDynArr pts =
-      gfit::testing::sample_torus(rng, giPoint3(5, 6, 7), giUnitVec3(1, 0, 1), 25, 5, 0.4, 2.0, 0, 2 * M_PI, 150, 1e-3);
+      gfit::testing::sample_torus(rng, giPoint3(5, 6, 7), giUnitVec3(1, 0, 1), 25, 5, 0.4, 2.0, 0, 2 * giPi, 150, 1e-3);
   Torus plain, probed;
   ASSERT_EQ(fit(pts, plain), 1);
   ASSERT_EQ(gfLeastSquareEvaluator::evaluate_probed_torus(pts, constant(150, 0.0), 1, probed.centre, probed.axis,
@@ -306,7 +306,7 @@ TEST(TorusFarAway, KeepsItsDigitsWhereverThePointsLieAndInAnyOrder) {
   Rng rng(79);
   const giUnitVec3 axis(0.3, -0.5, 0.81);
   for (int n : {600, 3000}) {  // all points ranked; a subset
-    giPoint3coDynArr near = gfit::testing::sample_torus(rng, giPoint3(3, -2, 5), axis, 30, 8, 0, 2 * M_PI, 0, 2 * M_PI,
+    giPoint3coDynArr near = gfit::testing::sample_torus(rng, giPoint3(3, -2, 5), axis, 30, 8, 0, 2 * giPi, 0, 2 * giPi,
                                                         n, 1e-3);
     for (double offset : {1e5, 1e6, 1e7}) {
       SCOPED_TRACE(::testing::Message() << n << " points, offset " << offset);
@@ -329,7 +329,7 @@ TEST(TorusFarAway, KeepsItsDigitsWhereverThePointsLieAndInAnyOrder) {
   gfit::testing::CancelFlag cancel;  // and a host's flag stops the search at once
   cancel.flag = true;
   Torus t;
-  EXPECT_EQ(fit(gfit::testing::sample_torus(rng, giPoint3(0, 0, 0), axis, 30, 8, 0, 2 * M_PI, 0, 2 * M_PI, 600, 1e-3), t),
+  EXPECT_EQ(fit(gfit::testing::sample_torus(rng, giPoint3(0, 0, 0), axis, 30, 8, 0, 2 * giPi, 0, 2 * giPi, 600, 1e-3), t),
             0);
   EXPECT_EQ(gfLastReason(), gfReason::cancelled);
 }
@@ -339,7 +339,7 @@ TEST(TorusEdges, BitIdenticalForAnyThreadCount) {
   // More points than the search ranks its axes on, so that the thinning and the threads
   // both take part.
   giPoint3coDynArr pts = gfit::testing::sample_torus(rng, giPoint3(100, 200, 300), giUnitVec3(3, -1, 2), 24, 9, 0.5,
-                                                     2.5, 0, 2 * M_PI, 3000, 5e-3);
+                                                     2.5, 0, 2 * giPi, 3000, 5e-3);
   const int previous = gfSetMaxThreads(1);
   Torus one, again, two;
   ASSERT_EQ(fit(pts, one), 1);

@@ -38,7 +38,7 @@ TEST(CnxCircle2Constructor, EverySignCombinationOnConfigurationsWhereItExists) {
       bool enclosed[3];
       for (int i = 0; i < 3; ++i) {
         enclosed[i] = (signs >> i) & 1;
-        double theta = 2.0 * M_PI * i / 3.0 + rng.uniform(-0.5, 0.5);
+        double theta = 2.0 * giPi * i / 3.0 + rng.uniform(-0.5, 0.5);
         given[i] = touching(centre, R, theta, rng.uniform(0.1, 0.9) * (enclosed[i] ? R : 2.0), enclosed[i]);
       }
       cnxCircle2 smaller, larger;

@@ -50,7 +50,7 @@ TEST(GeometryValues, AngleKeepsItsCosine) {
   EXPECT_TRUE(giAngle(0.1).coincident(giAngle(0.1 + 1e-9), giAngle(1e-8)));
   EXPECT_FALSE(giAngle(0.1).coincident(giAngle(0.2), giAngle(1e-8)));
   EXPECT_NEAR(unsigned_angle(giVector3(1, 0, 0), giVector3(1, 1e-12, 0)).radians(), 1e-12, 1e-24);
-  EXPECT_NEAR(giAngle::from_degrees(180).radians(), M_PI, 1e-15);
+  EXPECT_NEAR(giAngle::from_degrees(180).radians(), giPi, 1e-15);
 }
 
 TEST(GeometryShapes, CirclesLinesAndPlanes) {
@@ -76,7 +76,7 @@ TEST(GeometryShapes, CirclesLinesAndPlanes) {
 
 TEST(GeometryTransforms, StatesAndTheOrderOfAProduct) {
   giXform3 unset, id(giXformIdentity{}), t(giXformTranslate{}, giVector3(1, 2, 3));
-  giXform3 r(giXformRotate{}, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), giAngle(M_PI / 2));
+  giXform3 r(giXformRotate{}, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), giAngle(giPi / 2));
   EXPECT_EQ(unset.state(), 0);
   EXPECT_EQ(unset(0, 0), -DBL_MAX);
   EXPECT_EQ(id.state(), 1);
@@ -119,7 +119,7 @@ TEST(GeometryTransforms, LocalFramesAndTwoDimensions) {
   EXPECT_NEAR(local.transform(origin + giVector3(2, 0, 0)).distance(giPoint3(2, 0, 0)), 0.0, 1e-12);
   EXPECT_EQ(local.state(), giXform3::rigid);
 
-  giXform2 r(giXformRotate{}, giPoint2(1, 1), giAngle(M_PI / 2));
+  giXform2 r(giXformRotate{}, giPoint2(1, 1), giAngle(giPi / 2));
   EXPECT_NEAR(r.transform(giPoint2(2, 1)).distance(giPoint2(1, 2)), 0.0, 1e-15);
   giXform2 local2(giXformLocal{}, giPoint2(3, 4), giUnitVec2(0, 1));
   EXPECT_NEAR(local2.transform(giPoint2(3, 6)).distance(giPoint2(2, 0)), 0.0, 1e-15);

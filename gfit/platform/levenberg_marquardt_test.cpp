@@ -62,7 +62,7 @@ double fit(mlDistanceLeastSquares& problem, mlVector const& start, mlVector& res
 
 TEST(LevenbergMarquardt, TheDerivativeCheckAcceptsRightAndRejectsWrongGradients) {
   Rng rng(1);
-  giPoint2coDynArr pts = sample_circle2(rng, giPoint2(3, -2), 5, 0, 2 * M_PI, 20, 0.01);
+  giPoint2coDynArr pts = sample_circle2(rng, giPoint2(3, -2), 5, 0, 2 * giPi, 20, 0.01);
   Circle good(pts), bad(pts, 1, true);
   mlVector at{2.5, -1.0, 4.0};
   EXPECT_LT(gradient_error(good, at), 1e-8);
@@ -108,7 +108,7 @@ TEST(LevenbergMarquardt, FarFromTheOriginGivesTheSameElementTranslated) {
 
 TEST(LevenbergMarquardt, ARedundantParameterGetsTheMinimumNormStep) {
   Rng rng(4);
-  giPoint2coDynArr pts = sample_circle2(rng, giPoint2(1, 1), 2, 0, 2 * M_PI, 100, 1e-4);
+  giPoint2coDynArr pts = sample_circle2(rng, giPoint2(1, 1), 2, 0, 2 * giPi, 100, 1e-4);
   Circle split(pts, 2), plain(pts);
   mlVector rs, rp;
   mlLevenbergMarquardt::Termination why;
@@ -206,8 +206,8 @@ TEST(LevenbergMarquardt, SameInputSameBits) {
 
 TEST(LevenbergMarquardt, PointDistributionQualityOfAFullCircle) {
   giPoint2coDynArr full, arc;
-  for (int i = 0; i < 360; ++i) full.append(giPoint2(std::cos(i * M_PI / 180), std::sin(i * M_PI / 180)));
-  for (int i = 0; i < 30; ++i) arc.append(giPoint2(std::cos(i * M_PI / 180), std::sin(i * M_PI / 180)));
+  for (int i = 0; i < 360; ++i) full.append(giPoint2(std::cos(i * giPi / 180), std::sin(i * giPi / 180)));
+  for (int i = 0; i < 30; ++i) arc.append(giPoint2(std::cos(i * giPi / 180), std::sin(i * giPi / 180)));
   Circle a(full), b(arc);
   // Jacobian rows (-cos, -sin, -1): J^T J / n = diag(1/2, 1/2, 1), smallest root 1/sqrt(2).
   EXPECT_NEAR(a.point_distribution_quality(mlVector{0, 0, 1}), std::sqrt(0.5), 1e-12);

@@ -27,7 +27,7 @@ double rosenbrock(mlSlice const& x) { return 100.0 * std::pow(x[1] - x[0] * x[0]
 double width(mlSlice const& c) {
   double lo = 1e300, hi = -1e300;
   for (int i = 0; i < 12; ++i) {
-    double t = i * M_PI / 6, r = 5.0 + 0.01 * std::cos(3 * t);
+    double t = i * giPi / 6, r = 5.0 + 0.01 * std::cos(3 * t);
     double d = std::hypot(1000 + r * std::cos(t) - c[0], 2000 + r * std::sin(t) - c[1]);
     lo = std::min(lo, d);
     hi = std::max(hi, d);
@@ -78,7 +78,7 @@ TEST(Brent, FindsOneDimensionalMinima) {
   EXPECT_NEAR(ml_brent_minimum_search(p, 5.0, -2.0, 1e-10, x), 3.0, 1e-15);
   EXPECT_NEAR(x, 0.7, 1e-8);
   EXPECT_NEAR(ml_brent_minimum_search(c, 2.0, 4.0, 1e-10, x), -1.0, 1e-15);
-  EXPECT_NEAR(x, M_PI, 1e-7);
+  EXPECT_NEAR(x, giPi, 1e-7);
   // A minimum at the end of the interval.
   EXPECT_NEAR(ml_brent_minimum_search(p, 1.0, 2.0, 1e-10, x), 3.09, 1e-8);
   EXPECT_NEAR(x, 1.0, 1e-7);

@@ -41,11 +41,23 @@ void parallel_for(int n, int threads, std::function<void(int, int)> const& body)
   }
   std::atomic<int> next{0};
   std::atomic<bool> const* flag = cancel_flag();
+  // Forced for a test, the items are dealt out round-robin, so that every thread provably
+  // does some (taking them first come first served, a fast calling thread can take them
+  // all). Either way the answer is the same: the caller reduces the results in index order.
+  const bool dealt = forced_threads.load() > 1;
+  auto run_share = [&](int share, int worker) {
+    long long done = 0;
+    for (int i = share; i < n; i += threads, ++done) body(i, worker);
+    return done;
+  };
   auto run = [&](int worker) {
     // Workers poll the cancel flag of the thread whose fit started them.
     std::atomic<bool> const* previous = gfSetCancelFlag(flag);
     long long done = 0;
-    for (int i = next.fetch_add(1); i < n; i = next.fetch_add(1), ++done) body(i, worker);
+    if (dealt)
+      done = run_share(worker, worker);
+    else
+      for (int i = next.fetch_add(1); i < n; i = next.fetch_add(1), ++done) body(i, worker);
     if (worker != 0) worker_items.fetch_add(done);
     gfSetCancelFlag(previous);
   };
@@ -58,6 +70,9 @@ void parallel_for(int n, int threads, std::function<void(int, int)> const& body)
     // share the work. The answer does not depend on how many there are.
   }
   run(0);
+  // Dealt shares of threads that could not start fall to the calling thread.
+  if (dealt)
+    for (int share = static_cast<int>(pool.size()) + 1; share < threads; ++share) run_share(share, 0);
   for (std::thread& t : pool) t.join();
 }
 

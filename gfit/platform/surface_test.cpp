@@ -294,7 +294,7 @@ TEST(SurfaceKernel, NonUniformScalesKeepPlanesAndCylindersExact) {
   giUnitVec3 plane_normal(tilt.x() / sx, tilt.y() / sy, tilt.z());
   giPoint3 plane_point(0, 0, 100);
   for (int i = 0; i < 100; ++i) {
-    double t = rng.uniform(0, 2 * M_PI), h = rng.uniform(2, 38), off = rng.uniform(-3, 3);
+    double t = rng.uniform(0, 2 * giPi), h = rng.uniform(2, 38), off = rng.uniform(-3, 3);
     giPoint3 p(a * std::cos(t) * (1 + off / 10), b * std::sin(t) * (1 + off / 10), h);
     scaled->project(p, feet);
     ASSERT_GE(feet.count(), 1);

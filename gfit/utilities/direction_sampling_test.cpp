@@ -31,7 +31,7 @@ TEST(VectorGradient, ThreeRingsAtPointFourMakeTwentyOneDirections) {
 }
 
 TEST(VectorGradient, RingsCoverTheirConeEvenly) {
-  gfVectorGradient g(giVector3(1, -2, 0.5), M_PI, 20);  // a whole hemisphere, as the cylinder walks it
+  gfVectorGradient g(giVector3(1, -2, 0.5), giPi, 20);  // a whole hemisphere, as the cylinder walks it
   const giVector3 centre = giVector3(1, -2, 0.5).unit();
   int directions = 0;
   for (gfVectorGradientIterator it = g.iterator(); it++;) {
@@ -41,7 +41,7 @@ TEST(VectorGradient, RingsCoverTheirConeEvenly) {
   EXPECT_EQ(directions, g.total_steps());
   // Neighbours on the outer ring are no farther apart than about one step.
   gfVectorGradientRing const& outer = g.ring(19);
-  EXPECT_LE(2 * M_PI * outer.sin_theta / outer.steps, 2 * g.step_angle() + 1e-12);
+  EXPECT_LE(2 * giPi * outer.sin_theta / outer.steps, 2 * g.step_angle() + 1e-12);
 }
 
 TEST(RandomDirections, ReproducibleAndUnit) {

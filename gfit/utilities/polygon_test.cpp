@@ -121,7 +121,7 @@ TEST(ConvexHull, InteriorPointsDroppedFirstKeepTheHull) {
   for (int trial = 0; trial < 20; ++trial) {
     std::vector<giPoint2> p;
     for (int i = 0; i < 300; ++i) {
-      double a = rng.uniform(0, 2 * M_PI), r = i % 10 == 0 ? 50.0 : rng.uniform(0, 50.0);
+      double a = rng.uniform(0, 2 * giPi), r = i % 10 == 0 ? 50.0 : rng.uniform(0, 50.0);
       p.push_back(giPoint2(std::round(r * std::cos(a)) + 1e4 * trial, std::round(r * std::sin(a))));
     }
     p.push_back(giPoint2(1e4 * trial, -60));  // lowest
@@ -182,7 +182,7 @@ TEST(RelativePosition, AgreesWithBruteForceOpenAndClosed) {
     int n = 3 + trial % 12;
     std::vector<giPoint2> v;
     for (int k = 0; k < n; ++k) {
-      double t = 2 * M_PI * (k + rng.uniform(0.0, 0.8)) / n, r = rng.uniform(2.0, 8.0);
+      double t = 2 * giPi * (k + rng.uniform(0.0, 0.8)) / n, r = rng.uniform(2.0, 8.0);
       v.push_back(giPoint2(std::round(r * std::cos(t)), std::round(r * std::sin(t))));
     }
     giPoint2coDynArr open = to_array(v), closed = to_array(v);

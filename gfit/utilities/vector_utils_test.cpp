@@ -24,7 +24,7 @@ TEST(GfUtils, QuickAngleOrdersDirections) {
   EXPECT_EQ(gfUtils::quick_angle(a, -a), 0.0);
   double previous = -2.0;
   for (int deg = 10; deg < 360; deg += 10) {
-    double q = gfUtils::quick_angle(a, giUnitVec2(std::cos(deg * M_PI / 180), std::sin(deg * M_PI / 180)));
+    double q = gfUtils::quick_angle(a, giUnitVec2(std::cos(deg * giPi / 180), std::sin(deg * giPi / 180)));
     EXPECT_GT(q, previous);
     EXPECT_LT(q, 2.0);
     previous = q;
@@ -83,7 +83,7 @@ TEST(GfUtils, MaximumMovementSkipsInvalidRecords) {
   records.append(invalid);
   records.append(gfProjectedPoint3());
   EXPECT_EQ(get_maximum_movement(records, giXform3(giXformIdentity{})), 0.0);
-  giXform3 turn(giXformRotate{}, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), giAngle(M_PI / 2));
+  giXform3 turn(giXformRotate{}, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), giAngle(giPi / 2));
   EXPECT_NEAR(get_maximum_movement(records, turn), 5.0 * std::sqrt(2.0), 1e-13);
 
   gfProjectedPoint2coDynArr flat{gfProjectedPoint2(giPoint2(3, 4), giPoint2(3, 4), giUnitVec2(0, 1)),

@@ -60,12 +60,12 @@ tskSurfPtr plane_face(giPoint3 const& origin, giUnitVec3 const& normal, double h
 
 tskSurfPtr cylinder_face(giPoint3 const& origin, giUnitVec3 const& axis, double radius, double height) {
   return tskSurf::from_shape(
-      BRepBuilderAPI_MakeFace(gp_Cylinder(frame(origin, axis), radius), 0, 2 * M_PI, 0, height).Face());
+      BRepBuilderAPI_MakeFace(gp_Cylinder(frame(origin, axis), radius), 0, 2 * giPi, 0, height).Face());
 }
 
 tskSurfPtr half_cylinder_face(giPoint3 const& origin, giUnitVec3 const& axis, double radius, double height) {
   return tskSurf::from_shape(
-      BRepBuilderAPI_MakeFace(gp_Cylinder(frame(origin, axis), radius), -M_PI / 2, M_PI / 2, 0, height).Face());
+      BRepBuilderAPI_MakeFace(gp_Cylinder(frame(origin, axis), radius), -giPi / 2, giPi / 2, 0, height).Face());
 }
 
 tskSurfPtr sphere_face(giPoint3 const& centre, double radius) {
@@ -75,7 +75,7 @@ tskSurfPtr sphere_face(giPoint3 const& centre, double radius) {
 tskSurfPtr cone_face(giPoint3 const& origin, giUnitVec3 const& axis, double radius, double half_angle, double height) {
   double slant = height / std::cos(half_angle);
   return tskSurf::from_shape(
-      BRepBuilderAPI_MakeFace(gp_Cone(frame(origin, axis), half_angle, radius), 0, 2 * M_PI, 0, slant).Face());
+      BRepBuilderAPI_MakeFace(gp_Cone(frame(origin, axis), half_angle, radius), 0, 2 * giPi, 0, slant).Face());
 }
 
 tskSurfPtr torus_face(giPoint3 const& centre, giUnitVec3 const& axis, double major, double minor) {

@@ -20,7 +20,7 @@ inline std::vector<giPoint2> lobed_profile(giPoint2 const& centre, double radius
   std::vector<giPoint2> out;
   out.reserve(n);
   for (int i = 0; i < n; ++i) {
-    double t = 2.0 * M_PI * i / n;
+    double t = 2.0 * giPi * i / n;
     double r = radius + amplitude * std::cos(lobes * t);
     out.push_back(centre + giVector2(r * std::cos(t + phase), r * std::sin(t + phase)));
   }
@@ -44,7 +44,7 @@ inline double widest_gap(giPoint2 const& centre, std::vector<giPoint2> const& po
   std::vector<double> angles;
   for (giPoint2 const& p : points) angles.push_back(std::atan2(p.y() - centre.y(), p.x() - centre.x()));
   std::sort(angles.begin(), angles.end());
-  double widest = angles.empty() ? 2.0 * M_PI : angles.front() + 2.0 * M_PI - angles.back();
+  double widest = angles.empty() ? 2.0 * giPi : angles.front() + 2.0 * giPi - angles.back();
   for (size_t i = 1; i < angles.size(); ++i) widest = std::max(widest, angles[i] - angles[i - 1]);
   return widest;
 }

@@ -12,13 +12,13 @@ double Rng::normal() {
   double u = 1.0 - uniform();  // (0, 1]
   double v = uniform();
   double r = std::sqrt(-2.0 * std::log(u));
-  spare_ = r * std::sin(2.0 * M_PI * v);
+  spare_ = r * std::sin(2.0 * giPi * v);
   has_spare_ = true;
-  return r * std::cos(2.0 * M_PI * v);
+  return r * std::cos(2.0 * giPi * v);
 }
 
 giUnitVec3 Rng::direction() {
-  double z = uniform(-1.0, 1.0), phi = uniform(0.0, 2.0 * M_PI);
+  double z = uniform(-1.0, 1.0), phi = uniform(0.0, 2.0 * giPi);
   double s = std::sqrt(1.0 - z * z);
   return giUnitVec3(s * std::cos(phi), s * std::sin(phi), z);
 }
@@ -76,7 +76,7 @@ giPoint3coDynArr sample_sphere(Rng& rng, giPoint3 const& centre, double radius, 
   giPoint3coDynArr out(n, 16);
   const double cmin = std::cos(cap);
   for (int i = 0; i < n; ++i) {
-    double c = rng.uniform(cmin, 1.0), s = std::sqrt(1.0 - c * c), phi = rng.uniform(0.0, 2.0 * M_PI);
+    double c = rng.uniform(cmin, 1.0), s = std::sqrt(1.0 - c * c), phi = rng.uniform(0.0, 2.0 * giPi);
     double r = radius + noise * rng.normal();
     giVector3 d = axis * c + e1 * (s * std::cos(phi)) + e2 * (s * std::sin(phi));
     out.append(centre + d * r);
