@@ -10,7 +10,7 @@
 
 #include "gfit/platform/point.h"
 
-// pi, spelled out: M_PI is not part of standard C++ (MSVC hides it).
+// pi, spelled out: the POSIX macro for it is not part of standard C++ (MSVC hides it).
 constexpr double giPi = 3.141592653589793;
 
 struct giAngleCosine {};
