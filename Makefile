@@ -68,9 +68,9 @@ demo: configure
 	@echo "== align the displaced probe set data/bracket-displaced.xyz to data/bracket.step (transform, last rows, summary)"
 	@$(GFIT) align --cad data/bracket.step data/bracket-displaced.xyz | sed -n '1,7p;400,$$p'
 	@if grep -q "^GFIT_BUILD_PYTHON:BOOL=ON" $(BUILD_DIR)/CMakeCache.txt; then \
-	  echo "== from Python: the cylinder, its form map and the roundness plot (docs/python/*.png)"; \
+	  echo "== from Python: the cylinder, its form map and the roundness plot ($(BUILD_DIR)/plots/*.png)"; \
 	  cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_python && \
-	  PYTHONPATH=$(BUILD_DIR)/python $(PYTHON) python/examples/demo.py docs/python; \
+	  PYTHONPATH=$(BUILD_DIR)/python $(PYTHON) python/examples/demo.py $(BUILD_DIR)/plots; \
 	fi
 
 bench: configure
