@@ -81,9 +81,10 @@ bench: configure
 
 # The unit and command-line tests in a Debug build (asserts on) under AddressSanitizer and
 # UndefinedBehaviorSanitizer; any report fails the test that caused it. -O1 because Eigen
-# without inlining makes the large-data tests crawl.
+# without inlining makes the large-data tests crawl. The Python module stays out: loaded into an
+# interpreter built without the sanitizers, its runtime cannot start.
 test-asan: deps
-	@cmake -S . -B $(ASAN_BUILD_DIR) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 -DGFIT_SANITIZE=address,undefined \
+	@cmake -S . -B $(ASAN_BUILD_DIR) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 -DGFIT_SANITIZE=address,undefined -DGFIT_BUILD_PYTHON=OFF \
 		-DGFIT_BUILD_BENCHMARKS=OFF -DGFIT_BUILD_EXAMPLES=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(ASAN_BUILD_DIR) -j $(JOBS)
 	@$(SANITIZER_ENV) $(TEST_ASAN_OPTIONS) ctest --test-dir $(ASAN_BUILD_DIR) --output-on-failure -j $(JOBS)
@@ -94,7 +95,7 @@ fuzz-build: deps
 	@command -v clang++ >/dev/null || { echo "fuzz: clang++ is needed (scripts/install-deps)"; exit 1; }
 	@CXX=clang++ cmake -S . -B $(FUZZ_BUILD_DIR) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 -DGFIT_FUZZ=ON \
 		-DGFIT_BUILD_TESTS=OFF -DGFIT_BUILD_BENCHMARKS=OFF -DGFIT_BUILD_EXAMPLES=OFF \
-		-DGFIT_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
+		-DGFIT_BUILD_TOOLS=OFF -DGFIT_BUILD_PYTHON=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS) --target $(FUZZERS)
 
 # Runs each harness for FUZZ_SECONDS, one after the other, from the seed corpus in

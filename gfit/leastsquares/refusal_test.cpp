@@ -72,8 +72,13 @@ struct Data {
   giPoint3coDynArr exact_sphere = sample_sphere(rng, giPoint3(1, 2, 3), 5, giUnitVec3(0, 0, 1), 3.1, 12, 0.0);
   giUnitVec3coDynArr up = constant(12, giUnitVec3(0, 0, 1));
   giUnitVec2coDynArr up2 = constant(12, giUnitVec2(0, 1));
+  // Companion arrays one too long and one too short; here, because the table's fits hold
+  // references to their arrays and run after the table is built.
+  giUnitVec3coDynArr long_normals = constant(13, giUnitVec3(0, 0, 1)), short_normals = constant(11, giUnitVec3(0, 0, 1));
+  giPoint3coDynArr three_contacts;
   Data() {
     for (giPoint3 const& p : exact_sphere) sphere_normals.append(giUnitVec3(p - giPoint3(1, 2, 3)));
+    for (int i = 0; i < 3; ++i) three_contacts.append(cone[i]);
   }
 };
 
@@ -203,9 +208,9 @@ std::vector<Case> refusal_table() {
   const int n = 12;
   const gfReason undetermined = gfReason::not_determined, bad_array = gfReason::bad_companion_array,
                  bad_radius = gfReason::bad_probe_radius;
-  const giUnitVec3coDynArr long_normals = constant(n + 1, giUnitVec3(0, 0, 1));
-  const giUnitVec3coDynArr short_normals = constant(n - 1, giUnitVec3(0, 0, 1));
-  const giPoint3coDynArr three_contacts{d.cone[0], d.cone[1], d.cone[2]};
+  giUnitVec3coDynArr const& long_normals = d.long_normals;
+  giUnitVec3coDynArr const& short_normals = d.short_normals;
+  giPoint3coDynArr const& three_contacts = d.three_contacts;
   return {
       {"circle", "coincident", circle(d.same2), undetermined},
       {"circle", "collinear", circle(d.line_2d), undetermined},
