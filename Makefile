@@ -107,7 +107,7 @@ fuzz: fuzz-build
 	@for f in $(FUZZERS); do \
 		mkdir -p $(FUZZ_BUILD_DIR)/corpus/$$f; \
 		dict=""; [ -f fuzz/$$f.dict ] && dict="-dict=fuzz/$$f.dict"; \
-		seeds=fuzz/corpus/$$f; [ $$f = cad_reader_fuzz ] && seeds="$$seeds test/data/malformed-step"; \
+		seeds=fuzz/corpus/$${f%_fuzz}; [ $$f = cad_reader_fuzz ] && seeds="$$seeds test/data/malformed-step"; \
 		echo "== $$f for $(FUZZ_SECONDS) s"; \
 		$(SANITIZER_ENV) $(FUZZ_ASAN_OPTIONS) $(FUZZ_BUILD_DIR)/fuzz/$$f $(FUZZ_BUILD_DIR)/corpus/$$f $$seeds $$dict \
 			-max_total_time=$(FUZZ_SECONDS) -seed=$(FUZZ_SEED) -timeout=30 -rss_limit_mb=4096 -print_final_stats=1 \
