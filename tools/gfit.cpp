@@ -20,6 +20,7 @@
 #include <sstream>
 
 #include "tools/cli.h"
+#include "tools/input.h"
 
 namespace gfit::cli {
 
@@ -166,23 +167,14 @@ int run_fit(std::vector<std::string> const& args) {
     bool has_value = i + 1 < args.size() && args[i + 1].rfind("--", 0) != 0;
     options.values[name] = has_value ? args[++i] : "";
   }
-  std::string const& path = args[1];
-  std::ifstream file;
-  if (path != "-") {
-    file.open(path);
-    if (!file) {
-      std::cerr << "gfit: cannot read " << path << "\n";
-      return 2;
-    }
-  }
-  std::istream& in = path == "-" ? std::cin : file;
-  std::string source = path == "-" ? "standard input" : path;
-  PointTable table;
+  Input input;
   std::string error;
-  if (!read_points(in, element->columns, table, error, element->max_columns)) {
-    std::cerr << "gfit: " << source << ", " << error << "\n";
+  if (!read_input(args[1], InputOptions{}, element->columns, element->max_columns, input, error)) {
+    std::cerr << "gfit: " << error << "\n";
     return 2;
   }
+  PointTable const& table = input.points;
+  std::string const& source = input.source;
   if (table.rows() < element->min_points) {
     std::cerr << "gfit: " << element->name << " needs at least " << element->min_points << " points, " << source
               << " has " << table.rows() << "\n";
