@@ -1,5 +1,6 @@
 #include "tools/input.h"
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <memory>

@@ -337,6 +337,7 @@ bool PlyReader::binary_records(Element const& e, bool keep_values) {
   const bool swap = little_host != (format_ == Format::little);
   char bytes[8];
   double values[6] = {0, 0, 0, 0, 0, 0};
+  if (e.properties.empty()) return true;  // records of no bytes, however many
   for (std::int64_t r = 0; r < e.count; ++r) {
     for (Property const& p : e.properties) {
       bool ok = true;

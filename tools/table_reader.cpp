@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "tools/read_support.h"
@@ -305,9 +306,9 @@ bool TableReader::line(std::string const& text) {
   }
   const bool chosen_by_name = !choice_.empty() && choice_.find_first_not_of("0123456789,") != std::string::npos;
   if (first_text >= 0) {
-    bool header = false;
-    if (chosen_by_name) {
-      header = true;  // every name of the choice must be on the line
+    bool header = names >= 2;
+    if (chosen_by_name && !header) {
+      header = true;  // every name of the choice is on the line
       size_t start = 0;
       for (;;) {
         size_t comma = choice_.find(',', start);
@@ -317,8 +318,6 @@ bool TableReader::line(std::string const& text) {
         if (comma == std::string::npos) break;
         start = comma + 1;
       }
-    } else {
-      header = names >= 2;
     }
     if (!header) {
       if (pending_.empty())
