@@ -345,7 +345,7 @@ bool PlyReader::binary_records(Element const& e, bool keep_values) {
         ok = source_.read(bytes, size_of(p.count_type));
         if (ok) {
           const double n = decode(bytes, p.count_type, swap);
-          if (!(n >= 0) || n != std::floor(n)) {
+          if (!(n >= 0) || n != std::floor(n) || n > 4294967295.0) {
             error_ = e.name + " " + std::to_string(r + 1) + ": the list " + p.name + " has a count of " +
                      std::to_string(n);
             return false;
