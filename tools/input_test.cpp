@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -314,6 +315,11 @@ TEST(Input, FormatOverridesAndColumnCounts) {
   ASSERT_TRUE(read_input(probed.path(), InputOptions{}, 3, 4, input, error)) << error;
   EXPECT_EQ(input.points.columns, 4);
   EXPECT_EQ(input.points.values[3], 0.5);
+  TempFile subnormal("tiny.csv", "X;Y;Z\n1e-310;-4,9e-324;0,5\n");
+  ASSERT_TRUE(read_input(subnormal.path(), InputOptions{}, 3, 3, input, error)) << error;
+  EXPECT_EQ(std::fpclassify(input.points.values[0]), FP_SUBNORMAL);
+  EXPECT_EQ(input.points.values[1], -std::strtod("4.9e-324", nullptr));
+  EXPECT_EQ(input.points.values[2], 0.5);
   TempFile xyz_normals("normals.xyz", "1 2 3 0 0 1\n4 5 6 0 1 0\n");
   ASSERT_TRUE(read_input(xyz_normals.path(), InputOptions{}, 3, 3, input, error)) << error;
   EXPECT_EQ(input.normals.rows(), 2);
