@@ -1,11 +1,9 @@
 #include "tools/point_reader.h"
 
+#include "tools/read_support.h"
+
 #include <algorithm>
-#include <cerrno>
-#include <charconv>
 #include <climits>
-#include <cmath>
-#include <cstdlib>
 #include <memory>
 #include <new>
 
@@ -24,57 +22,8 @@ void SourceLines::add(int point, std::int64_t line) {
 
 namespace {
 
-// Values in blocks that never move, so that growing costs no copy; the first blocks are small
-// for the many short files, the later ones 1 MB.
-class BlockStore {
- public:
-  void push(double v) {
-    if (used_ == capacity_) grow();
-    blocks_.back()[used_++] = v;
-    ++total_;
-  }
-  size_t total() const { return total_; }
-  // Appends everything to `out` and frees each block as soon as it is copied: the peak is the
-  // values once plus one block.
-  void move_to(std::vector<double>& out) {
-    out.clear();
-    out.reserve(total_);
-    size_t left = total_;
-    for (auto& block : blocks_) {
-      size_t n = std::min(left, block_size(&block - blocks_.data()));
-      out.insert(out.end(), block.get(), block.get() + n);
-      left -= n;
-      block.reset();
-    }
-    blocks_.clear();
-  }
-
- private:
-  static size_t block_size(size_t index) { return size_t(4096) << std::min<size_t>(index, 5); }
-  void grow() {
-    capacity_ = block_size(blocks_.size());
-    blocks_.emplace_back(new double[capacity_]);
-    used_ = 0;
-  }
-  std::vector<std::unique_ptr<double[]>> blocks_;
-  size_t capacity_ = 0, used_ = 0, total_ = 0;
-};
-
-std::string printable(char const* text, int n) {
-  static char const hex[] = "0123456789abcdef";
-  std::string out;
-  for (int i = 0; i < n; ++i) {
-    unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c >= 0x20 && c < 0x7f) {
-      out += static_cast<char>(c);
-    } else {
-      out += "\\x";
-      out += hex[c >> 4];
-      out += hex[c & 15];
-    }
-  }
-  return out;
-}
+using detail::BlockStore;
+using detail::printable;
 
 bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f' || c == ','; }
 
@@ -99,20 +48,8 @@ bool read_points(std::istream& in, int columns, PointTable& table, std::string& 
   auto end_field = [&]() -> bool {
     if (field_length == 0) return true;
     field[field_length] = '\0';
-    // The common case, a plain decimal, through the fast locale-free parser; anything else
-    // (a sign '+', hexadecimal, under- or overflow, garbage) through strtod, whose rules
-    // decide: underflow gives the nearest double, subnormal or zero, and is kept; overflow
-    // gives an infinity and is refused with the other non-finite values.
     double v = 0.0;
-    char const* end = field + field_length;
-    auto parsed = std::from_chars(field, end, v);
-    if (parsed.ec != std::errc() || parsed.ptr != end) {
-      char* stop = nullptr;
-      errno = 0;
-      v = std::strtod(field, &stop);
-      if (stop != end) v = NAN;
-    }
-    if (!std::isfinite(v)) {
+    if (!detail::parse_number(field, field_length, v)) {
       error = where() + ": '" + printable(field, field_length) + "' is not a finite number";
       return false;
     }
