@@ -377,7 +377,7 @@ class ConeSearch {
     world[1] += origin_.y();
     world[2] += origin_.z();
     results_.add(filed, world);
-    filed_.push_back({world, result_});
+    filed_.push_back({world, result_, lm_.termination() == mlLevenbergMarquardt::stationary});
     smallest_ = std::min(smallest_, filed);
   }
 
@@ -385,8 +385,9 @@ class ConeSearch {
   // The smallest sum of squares filed, whatever its slot: the measure of progress.
   double smallest() const { return smallest_; }
 
-  // The chosen cone (in the frame) and its mean squared distance; false when there is none.
-  bool best(mlVector& parameters, double& mean_square) {
+  // The chosen cone (in the frame), its mean squared distance and whether its run ended
+  // with the polishing steps spent; false when there is none.
+  bool best(mlVector& parameters, double& mean_square, bool& polishing_spent) {
     double value = DBL_MAX;
     mlVector world(8);
     results_.get_best(value, world);
@@ -394,6 +395,7 @@ class ConeSearch {
     for (Filed const& f : filed_)
       if (bitwise_equal(f.world, world)) {
         parameters = f.local;
+        polishing_spent = f.polishing_spent;
         problem_.set_parameters(parameters);
         mean_square = problem_.sum_of_squares() / points_.count();
         return true;
@@ -404,6 +406,7 @@ class ConeSearch {
  private:
   struct Filed {
     mlVector world, local;
+    bool polishing_spent;  // its run ended with the polishing steps spent, not converged
   };
   static bool bitwise_equal(mlVector const& a, mlVector const& b) {
     for (int k = 0; k < 8; ++k)
@@ -573,13 +576,14 @@ int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, g
 
   mlVector best(8);
   double mean_square = 0.0;
-  if (!search.best(best, mean_square)) return refuse(gfReason::no_convergence, "no cone found");
+  bool polishing_spent = false;
+  if (!search.best(best, mean_square, polishing_spent)) return refuse(gfReason::no_convergence, "no cone found");
   // The chosen cone on all the points, in the search's frame: refined there when the search
   // worked on a subset, then judged there.
   gfLeastSquareCone problem(points, origin);
+  mlLevenbergMarquardt lm(problem);
+  configure(lm);
   if (!subset.all()) {
-    mlLevenbergMarquardt lm(problem);
-    configure(lm);
     gfit::detail::SearchBudget refinement(kRefineWork * n);
     mlVector result(8);
     const double value = refinement.fit(lm, n, 10000, best, result);
@@ -587,7 +591,16 @@ int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, g
     if (!std::isfinite(value)) return refuse(gfReason::no_convergence, "no cone found");
     best = result;
     mean_square = value;
+    polishing_spent = lm.termination() == mlLevenbergMarquardt::stationary;
   }
+  // The answer run to convergence on all the points (see gfit::detail::finish_fit) when its
+  // run ended with the polishing steps spent. One that ran out of iterations is left as it
+  // is: on points that hold no cone at a finite distance it is crawling towards infinity.
+  if (polishing_spent) {
+    lm.set_max_iterations(kStartIterations);
+    mean_square = gfit::detail::finish_fit(lm, best, mean_square);
+  }
+  if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
   if (!gfit::detail::cone_determined(problem, best, mean_square, spread.extent)) return 0;
   if (!gfit::detail::cone_outputs(best, origin, mean_square, apex, axis, half_angle, residual))
     return refuse(gfReason::not_determined, "the points do not determine the cone: its apex runs to infinity");

@@ -299,6 +299,7 @@ constexpr double kGoodEnough = 1e-3;
 struct Solution {
   double value = DBL_MAX;
   mlVector parameters = mlVector(7);  // axis point from the frame origin, direction, radius
+  bool converged = true;              // whether the solver's run that gave it converged
 };
 
 void set_candidate(ProjectedCircle const& c, giUnitVec3 const& d, mlVector& p) {
@@ -377,13 +378,16 @@ class CylinderSearch {
                                       result_);
     if (!std::isfinite(value)) return;
     const bool ok = agrees(result_, limit);
+    const bool converged = gfit::detail::converged(lm_);
     if (ok && value < best_ok_.value) {
       best_ok_.value = value;
       best_ok_.parameters = result_;
+      best_ok_.converged = converged;
     }
     if (value < best_any_.value) {
       best_any_.value = value;
       best_any_.parameters = result_;
+      best_any_.converged = converged;
     }
   }
 
@@ -548,6 +552,7 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
       const double value = lm.fit(s.parameters, result);
       s.value = std::isfinite(value) ? value : DBL_MAX;
       s.parameters = result;
+      s.converged = gfit::detail::converged(lm);
     };
     const bool one = best_ok.value != DBL_MAX && same(best_ok.parameters, best_any.parameters);
     refine(best_any);
@@ -566,6 +571,12 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
   // Agreement with the normals is given up when it costs more than a thousandth of the
   // range in RMS.
   if (problem.range() * kGoodEnough < std::sqrt(best_ok.value) - std::sqrt(best_any.value)) best_ok = best_any;
+  // The answer run to convergence on all the points (see gfit::detail::finish_fit).
+  if (!best_ok.converged) {
+    mlLevenbergMarquardt lm(problem);
+    lm.set_strict(true);
+    best_ok.value = gfit::detail::finish_fit(lm, best_ok.parameters, best_ok.value);
+  }
   // Judged on all the points (after the refinement on them), in the search's frame.
   if (!determined_cylinder(problem, best_ok.parameters, best_ok.value, spread.extent)) return 0;
   write_outputs(best_ok.parameters, best_ok.value, origin, point, direction, radius, residual);

@@ -17,6 +17,7 @@
 #include "gfit/leastsquares/refusal.h"
 #include "gfit/platform/angle.h"
 #include "gfit/platform/arrays.h"
+#include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/report.h"
 #include "gfit/utilities/direction_sampling.h"
 
@@ -48,6 +49,34 @@ inline bool solve_symmetric_2x2(double m00, double m01, double m11, double v0, d
   a = (v0 * m11 - v1 * m01) / det;
   b = (m00 * v1 - m01 * v0) / det;
   return std::isfinite(a) && std::isfinite(b);
+}
+
+// Whether the solver's last fit converged (its step fell below the resolution of the
+// parameters, or the fit is exact) rather than stopping when its polishing steps or its
+// iterations ran out.
+inline bool converged(mlLevenbergMarquardt const& lm) {
+  return lm.termination() == mlLevenbergMarquardt::small_step ||
+         lm.termination() == mlLevenbergMarquardt::zero_residual;
+}
+
+// Finishes a search's answer: fits again from `parameters` (mean squared distance `value`)
+// while the solver stops short of convergence, at most `runs` times, keeping each result
+// that is finite and no worse than 1e-10 relatively. Returns the value kept. Where the sum
+// of squares is flat along some combination of parameters (a short arc, a large residual),
+// a solver run may end with its polishing steps spent while the parameters still move at
+// 1e-7; the answer then depends on the start, and a start a search reached by another path
+// (the same part in another unit, the points in another order) ends elsewhere. Run to
+// convergence, it ends where the points put it.
+inline double finish_fit(mlLevenbergMarquardt& lm, mlVector& parameters, double value, int runs = 3) {
+  mlVector result(parameters.size());
+  for (int k = 0; k < runs; ++k) {
+    const double v = lm.fit(parameters, result);
+    if (!(v <= value * (1.0 + 1e-10))) break;
+    parameters = result;
+    value = v;
+    if (converged(lm)) break;
+  }
+  return value;
 }
 
 // Appends `element` to `list` unless a coincident one (Fitted::coincident with `tolerance`
