@@ -52,7 +52,10 @@
 // given up when it costs more than 0.001 of the range (gfLeastSquareConeResults); a start
 // is refined while within a factor 100 of the best sum of squares; the random batches stop
 // after two that improve it by no more than 1e-6 relatively; the two-circle start splits at
-// a gap of a tenth of the height span; half-angles and the guide's angle are angles.
+// a gap of a tenth of the height span; half-angles and the guide's angle are angles. When
+// the solver run that gave the answer ended with its polishing steps spent, the answer is
+// fitted again from itself (at most three times, 200 iterations each), so that it does not
+// depend on the start the search happened to reach.
 //
 // When the points determine a cone (leastsquares/refusal.h): at least 6 points, not
 // coplanar; at the solution a Jacobian of full rank in the 6 independent parameters (judged

@@ -51,6 +51,11 @@
 //    in millimetres and the same part in metres therefore give the same cylinder, scaled.
 //    (Before, the passes after the first stopped on a mean squared distance below 1e-3 of
 //    the range, an area against a length, and the walk on a roundness of 0.1 in any unit.)
+//  - Run to convergence. When the solver run that gave the answer ended with its polishing
+//    steps or its iterations spent (a short, rough arc, where the sum of squares is flat
+//    along the radius and the axis position together), the answer is fitted again from
+//    itself, strictly, at most three times (gfit::detail::finish_fit): otherwise it would
+//    depend on the start the search happened to reach, at 1e-7.
 // The candidates of a batch may be evaluated on several threads (see gfSetMaxThreads in
 // platform/parallel.h); the result is bit-identical for every thread count.
 //
