@@ -71,7 +71,7 @@ std::vector<Case> cases() {
     return sample_cylinder(rng, kFar, kAxis, radius, 30.0, 0.3, span, 400, noise, normals);
   };
   auto cylinder_fit = [](bool with_guess, bool with_normals) -> Fit {
-    return [=](double unit, giPoint3coDynArr const& pts, giUnitVec3coDynArr const& normals, std::vector<Element>& out) {
+    return [=](double, giPoint3coDynArr const& pts, giUnitVec3coDynArr const& normals, std::vector<Element>& out) {
       giPoint3 p;
       giUnitVec3 u;
       double r = 0, rms = 0;
@@ -81,7 +81,6 @@ std::vector<Case> cases() {
                                           with_normals ? normals : none, 0))
         return false;
       out.push_back(axial(pts, p, u, {r}, {}, rms));
-      (void)unit;
       return true;
     };
   };
