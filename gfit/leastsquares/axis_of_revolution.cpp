@@ -72,6 +72,11 @@ void gfLeastSquareAxisRev::evaluate_with_guess(giPoint3& point, giUnitVec3& dire
 
 void gfLeastSquareAxisRev::evaluate(giPoint3& point, giUnitVec3& direction, double& value) {
   const giPoint3 start_point = unset(point) ? centroid() : point;
+  // A start is good enough when the normal lines miss the axis by a thousandth of the
+  // points' extent in RMS (0.1 on a part 100 across): lengths with lengths, so that the
+  // choice does not depend on the unit.
+  constexpr double kGoodEnough = 1e-3;
+  const double scale = range();
   value = DBL_MAX;
   for (int k = 0; k < num_guess_directions(); ++k) {
     giPoint3 p = start_point;
@@ -82,7 +87,7 @@ void gfLeastSquareAxisRev::evaluate(giPoint3& point, giUnitVec3& direction, doub
       value = v;
       point = p;
       direction = u;
-      if (value <= 0.01) break;
+      if (std::sqrt(value) <= kGoodEnough * scale) break;
     }
   }
 }

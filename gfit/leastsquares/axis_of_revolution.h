@@ -36,8 +36,8 @@ class GFIT_EXPORT gfLeastSquareAxisRev : public gfLeastSquareDistance3 {
   // or not a number) starts at the centroid. value = the mean squared distance.
   void evaluate_with_guess(giPoint3& point, giUnitVec3& direction, double& value);
   // Fits from the seven guess directions in turn (from `point`, or the centroid when it is
-  // unset), keeping the best and stopping at the first whose value is at most 0.01 (an
-  // absolute squared length).
+  // unset), keeping the best and stopping at the first whose RMS is at most a thousandth
+  // of the range (the diagonal of the points' bounding box).
   void evaluate(giPoint3& point, giUnitVec3& direction, double& value);
 
  private:

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "gfit/leastsquares/refusal.h"
+#include "gfit/leastsquares/search_shared.h"
 
 namespace {
 constexpr double kPi = 3.141592653589793;
@@ -38,9 +39,9 @@ int gfFittedCone::invalid() const {
 // ---- the problem ------------------------------------------------------------------------
 
 gfLeastSquareCone::gfLeastSquareCone(giPoint3coDynArr const& points)
-    : gfLeastSquareDistance3(8, points), dF_(6), dG_(6) {}
+    : AxialProblem(8, points, giPoint3(0.0, 0.0, 0.0)), dF_(6), dG_(6) {}
 gfLeastSquareCone::gfLeastSquareCone(giPoint3coDynArr const& points, giPoint3 const& origin)
-    : gfLeastSquareDistance3(8, points), origin_{origin.x(), origin.y(), origin.z()}, dF_(6), dG_(6) {}
+    : AxialProblem(8, points, origin), dF_(6), dG_(6) {}
 
 namespace {
 // Point q measured from the frame origin (q itself when that is the coordinate origin).
@@ -98,11 +99,6 @@ void gfLeastSquareCone::get_distance_and_gradient(double& d, mlVector& g, int i)
   for (int k = 0; k < 6; ++k) g[k] = dF_[k] * sin_ + dG_[k] * cos_;
   g[6] = -1.0;
   g[7] = F * cos_ - G * sin_;
-}
-
-void gfLeastSquareCone::evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
-                                       int ld) const {
-  offset_block(nullptr, first, count, distances, squares, jacobian, ld);
 }
 
 void gfLeastSquareCone::offset_block(double const* offsets, int first, int count, double* distances,
@@ -172,9 +168,7 @@ int gfLeastSquareCone::are_normals_in_limit(giPoint3coDynArr const& points, giAn
 
 void gfLeastSquareCone::add_distinct_result(gfFittedCone const& cone, double distance_tolerance,
                                             giAngle angle_tolerance, gfFittedConecoDynArr& list) {
-  for (gfFittedCone const& e : list)
-    if (e.coincident(cone, distance_tolerance, angle_tolerance)) return;
-  list.append(cone);
+  gfit::detail::add_distinct(cone, distance_tolerance, angle_tolerance, list);  // coincidence is symmetric
 }
 
 // ---- the cone about a fixed axis --------------------------------------------------------

@@ -45,6 +45,18 @@
 // flag (gfSetCancelFlag) is polled between starts and by the solver between iterations; a
 // cancelled fit returns 0 with gfReason::cancelled.
 //
+// Its thresholds carry no unit, so a part in millimetres and the same part in metres give
+// the same cone, scaled: the linear starts work in coordinates divided by the points' RMS
+// distance from their centroid; sums of squares below that of an RMS of 1e-12 of the range
+// (the diagonal of the points' bounding box) count as exact; agreement with the normals is
+// given up when it costs more than 0.001 of the range (gfLeastSquareConeResults); a start
+// is refined while within a factor 100 of the best sum of squares; the random batches stop
+// after two that improve it by no more than 1e-6 relatively; the two-circle start splits at
+// a gap of a tenth of the height span; half-angles and the guide's angle are angles. When
+// the solver run that gave the answer ended with its polishing steps spent, the answer is
+// fitted again from itself (at most three times, 200 iterations each), so that it does not
+// depend on the start the search happened to reach.
+//
 // When the points determine a cone (leastsquares/refusal.h): at least 6 points, not
 // coplanar; at the solution a Jacobian of full rank in the 6 independent parameters (judged
 // with the axis point at the foot of the centroid) and an apex within 1e6 times the points'
@@ -58,7 +70,7 @@
 
 #include "gfit/fitpoints/arrays.h"
 #include "gfit/gfit_export.h"
-#include "gfit/leastsquares/distance.h"
+#include "gfit/leastsquares/axial_problem.h"
 #include "gfit/platform/angle.h"
 #include "gfit/platform/utilities.h"
 
@@ -104,7 +116,7 @@ class GFIT_EXPORT gfFittedCone {
   double deviation_;
 };
 
-class GFIT_EXPORT gfLeastSquareCone : public gfLeastSquareDistance3 {
+class GFIT_EXPORT gfLeastSquareCone : public gfit::detail::AxialProblem {
  public:
   explicit gfLeastSquareCone(giPoint3coDynArr const& points);
   // The same problem with the axis point measured from `origin` (A = origin + p[0..2]),
@@ -113,7 +125,6 @@ class GFIT_EXPORT gfLeastSquareCone : public gfLeastSquareDistance3 {
   // lie from the coordinate origin (see gfLeastSquareCylinder). The distances are those of
   // the same cone in world coordinates.
   gfLeastSquareCone(giPoint3coDynArr const& points, giPoint3 const& origin);
-  giPoint3 frame_origin() const override { return giPoint3(origin_[0], origin_[1], origin_[2]); }
 
   // Stores the parameters (grown to 8 when shorter) and caches sin and cos of the half-angle.
   void set_parameters(mlVector const& p) override;
@@ -128,12 +139,6 @@ class GFIT_EXPORT gfLeastSquareCone : public gfLeastSquareDistance3 {
   void parameter_scales(mlVector& s) const override;
   ~gfLeastSquareCone() override;
 
-  void evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
-                      int ld) const override;
-  void evaluate_distances(int first, int count, double* distances, double* squares) const override {
-    evaluate_block(first, count, distances, squares, nullptr, 0);
-  }
-
   // Whether a solution agrees with the caller's guess axis (within `limit`, either way
   // round; an unset guess always agrees) and with the surface normals: the cone's outward
   // normals sin(theta) u + cos(theta) r (r the radial unit vector) must all lie within
@@ -146,13 +151,11 @@ class GFIT_EXPORT gfLeastSquareCone : public gfLeastSquareDistance3 {
                                   gfFittedConecoDynArr& list);
 
  protected:
-  // The distances F sin + G cos - d + offsets[i] (no offsets when null) and their gradient
-  // in one loop: the batch form of this class and of the probe-compensated cone.
+  // The distances F sin + G cos - d + offsets[i] (no offsets when null) and their gradient.
   void offset_block(double const* offsets, int first, int count, double* distances, double* squares,
-                    double* jacobian, int ld) const;
+                    double* jacobian, int ld) const override;
 
  private:
-  double origin_[3] = {0.0, 0.0, 0.0};
   double sin_ = 0.0, cos_ = 1.0;
   mutable mlVector dF_, dG_;
 };

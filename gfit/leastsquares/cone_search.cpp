@@ -11,6 +11,7 @@
 #include "gfit/leastsquares/cylinder.h"
 #include "gfit/leastsquares/evaluator.h"
 #include "gfit/leastsquares/refusal.h"
+#include "gfit/leastsquares/search_shared.h"
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
@@ -248,9 +249,8 @@ double gfConeGuessGenerator::get_guess_from_normals(mlVector& parameters) {
     v0 += r0 * rhs;
     v1 += r1 * rhs;
   }
-  const double det = m00 * m11 - m01 * m01;
-  if (!(det > 1e-12 * (m00 + m11) * (m00 + m11))) return DBL_MAX;
-  const double a = (v0 * m11 - v1 * m01) / det, b = (m00 * v1 - m01 * v0) / det;
+  double a = 0.0, b = 0.0;
+  if (!gfit::detail::solve_symmetric_2x2(m00, m01, m11, v0, v1, a, b)) return DBL_MAX;
   const giPoint3 A = c + e1 * a + e2 * b;
   // The generator: a line in the (height, radius) half-plane, whose unit normal is
   // (sin(theta), cos(theta)) and whose offset is d.
@@ -377,7 +377,7 @@ class ConeSearch {
     world[1] += origin_.y();
     world[2] += origin_.z();
     results_.add(filed, world);
-    filed_.push_back({world, result_});
+    filed_.push_back({world, result_, lm_.termination() == mlLevenbergMarquardt::stationary});
     smallest_ = std::min(smallest_, filed);
   }
 
@@ -385,8 +385,9 @@ class ConeSearch {
   // The smallest sum of squares filed, whatever its slot: the measure of progress.
   double smallest() const { return smallest_; }
 
-  // The chosen cone (in the frame) and its mean squared distance; false when there is none.
-  bool best(mlVector& parameters, double& mean_square) {
+  // The chosen cone (in the frame), its mean squared distance and whether its run ended
+  // with the polishing steps spent; false when there is none.
+  bool best(mlVector& parameters, double& mean_square, bool& polishing_spent) {
     double value = DBL_MAX;
     mlVector world(8);
     results_.get_best(value, world);
@@ -394,6 +395,7 @@ class ConeSearch {
     for (Filed const& f : filed_)
       if (bitwise_equal(f.world, world)) {
         parameters = f.local;
+        polishing_spent = f.polishing_spent;
         problem_.set_parameters(parameters);
         mean_square = problem_.sum_of_squares() / points_.count();
         return true;
@@ -404,6 +406,7 @@ class ConeSearch {
  private:
   struct Filed {
     mlVector world, local;
+    bool polishing_spent;  // its run ended with the polishing steps spent, not converged
   };
   static bool bitwise_equal(mlVector const& a, mlVector const& b) {
     for (int k = 0; k < 8; ++k)
@@ -573,13 +576,14 @@ int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, g
 
   mlVector best(8);
   double mean_square = 0.0;
-  if (!search.best(best, mean_square)) return refuse(gfReason::no_convergence, "no cone found");
+  bool polishing_spent = false;
+  if (!search.best(best, mean_square, polishing_spent)) return refuse(gfReason::no_convergence, "no cone found");
   // The chosen cone on all the points, in the search's frame: refined there when the search
   // worked on a subset, then judged there.
   gfLeastSquareCone problem(points, origin);
+  mlLevenbergMarquardt lm(problem);
+  configure(lm);
   if (!subset.all()) {
-    mlLevenbergMarquardt lm(problem);
-    configure(lm);
     gfit::detail::SearchBudget refinement(kRefineWork * n);
     mlVector result(8);
     const double value = refinement.fit(lm, n, 10000, best, result);
@@ -587,7 +591,16 @@ int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, g
     if (!std::isfinite(value)) return refuse(gfReason::no_convergence, "no cone found");
     best = result;
     mean_square = value;
+    polishing_spent = lm.termination() == mlLevenbergMarquardt::stationary;
   }
+  // The answer run to convergence on all the points (see gfit::detail::finish_fit) when its
+  // run ended with the polishing steps spent. One that ran out of iterations is left as it
+  // is: on points that hold no cone at a finite distance it is crawling towards infinity.
+  if (polishing_spent) {
+    lm.set_max_iterations(kStartIterations);
+    mean_square = gfit::detail::finish_fit(lm, best, mean_square);
+  }
+  if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
   if (!gfit::detail::cone_determined(problem, best, mean_square, spread.extent)) return 0;
   if (!gfit::detail::cone_outputs(best, origin, mean_square, apex, axis, half_angle, residual))
     return refuse(gfReason::not_determined, "the points do not determine the cone: its apex runs to infinity");
@@ -597,65 +610,68 @@ int gfCalculateLeastSquareCone(giPoint3coDynArr const& points, giPoint3& apex, g
 int gfCalculateMultipleLeastSquareCones(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                         double tolerance, giAngle const& angle, int count,
                                         gfFittedConecoDynArr& results) {
-  using gfit::detail::refuse;
-  const int n = points.count();
-  gfit::detail::PointSpread spread;
-  if (n < 6) return refuse(gfReason::too_few_points);
-  if (!gfit::detail::check_points(points, 6, gfit::detail::Span::space, &spread)) return 0;
-  // The normals only steer the random directions: any number of them, each set and finite.
-  if (!gfit::detail::all_valid(normals)) return refuse(gfReason::non_finite_input, "a normal is unset or not finite");
   // Each attempt starts and refines on the subset; a cone within the tolerance there is
   // refined on all the points and kept if it is within the tolerance there too and the
   // points determine it.
-  const giUnitVec3coDynArr no_normals;
-  gfit::detail::SearchSubset subset(points, no_normals, kSearchPoints);
-  giPoint3coDynArr const& some = subset.points();
-  gfFittedConecoDynArr found = results;  // the caller's list is left alone if cancelled
-  const int found_before = found.count();
-  const giAngle cone = giAngle::from_degrees(30.0), second_cone = giAngle::from_degrees(30.0);
-  gfRandDirGenMulti directions(1000.0, normals, cone, 0.9);
-  gfConeGuessGenerator generator(some, no_normals);
-  const giPoint3 origin = generator.centroid();
-  gfLeastSquareCone problem(some, origin), all(points, origin);
-  mlLevenbergMarquardt lm(problem), lm_all(all);
-  configure(lm);
-  configure(lm_all);
-  gfit::detail::SearchBudget budget(kSearchWork * std::max(some.count(), kLeastCharged) * std::max(1, count));
-  mlVector start(8), second(8), result(8), refined(8);
-  const long long attempts = 150LL * count;
-  for (long long attempt = 0; attempt < attempts && found.count() < count && budget.go_on(); ++attempt) {
-    const giUnitVec3 d = directions.direction();
-    budget.charge(4.0 * some.count());  // two linear starts
-    const double e = generator.get_guess_linear(d, start);
-    if (!(e < DBL_MAX)) continue;
-    gfRandDirGenerator nearby(1.1, d, second_cone, 0.1);
-    if (generator.get_guess_linear(nearby.rand_vec_bias_region(), second) < e) start = second;
-    start[0] -= origin.x();
-    start[1] -= origin.y();
-    start[2] -= origin.z();
-    double rms = std::sqrt(budget.fit(lm, some.count(), 10000, start, result));
-    if (!(rms < tolerance)) continue;
-    if (!subset.all()) {
-      gfit::detail::SearchBudget refinement(kRefineWork * n);
-      rms = std::sqrt(refinement.fit(lm_all, n, 10000, result, refined));
-      if (!(rms < tolerance)) continue;
-      result = refined;
+  class Attempts {
+   public:
+    Attempts(giPoint3coDynArr const& some, giPoint3coDynArr const& points, double extent, double tolerance,
+             int count)
+        : some_(some), n_(points.count()), all_points_(some.count() == points.count()), extent_(extent),
+          tolerance_(tolerance), generator_(some, no_normals_), origin_(generator_.centroid()),
+          problem_(some, origin_), all_(points, origin_), lm_(problem_), lm_all_(all_),
+          budget_(kSearchWork * std::max(some.count(), kLeastCharged) * std::max(1, count)) {
+      configure(lm_);
+      configure(lm_all_);
     }
-    giPoint3 apex;
-    giUnitVec3 axis;
-    double theta = 0.0, deviation = 0.0;
-    // Only cones that all the points determine (see leastsquares/refusal.h), judged in the
-    // frame of the solver's parameters.
-    if (gfit::detail::cone_determined(all, result, rms * rms, spread.extent) &&
-        gfit::detail::cone_outputs(result, origin, rms * rms, apex, axis, theta, deviation))
-      gfLeastSquareCone::add_distinct_result(gfFittedCone(apex, axis, giAngle(theta), deviation), tolerance, angle,
-                                             found);
-  }
-  if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
-  results = found;
-  if (results.count() == found_before) refuse(gfReason::no_convergence, "no cone within the tolerance");
-  else gfit::detail::succeed();
-  return results.count();
+    bool go_on() const { return budget_.go_on(); }
+    bool attempt(giUnitVec3 const& d, gfFittedCone& out) {
+      budget_.charge(4.0 * some_.count());  // two linear starts
+      const double e = generator_.get_guess_linear(d, start_);
+      if (!(e < DBL_MAX)) return false;
+      if (generator_.get_guess_linear(gfit::detail::nearby_direction(d), second_) < e) start_ = second_;
+      start_[0] -= origin_.x();
+      start_[1] -= origin_.y();
+      start_[2] -= origin_.z();
+      double rms = std::sqrt(budget_.fit(lm_, some_.count(), 10000, start_, result_));
+      if (!(rms < tolerance_)) return false;
+      if (!all_points_) {
+        gfit::detail::SearchBudget refinement(kRefineWork * n_);
+        rms = std::sqrt(refinement.fit(lm_all_, n_, 10000, result_, refined_));
+        if (!(rms < tolerance_)) return false;
+        result_ = refined_;
+      }
+      giPoint3 apex;
+      giUnitVec3 axis;
+      double theta = 0.0, deviation = 0.0;
+      // Only cones that all the points determine (see leastsquares/refusal.h), judged in the
+      // frame of the solver's parameters.
+      if (!gfit::detail::cone_determined(all_, result_, rms * rms, extent_) ||
+          !gfit::detail::cone_outputs(result_, origin_, rms * rms, apex, axis, theta, deviation))
+        return false;
+      out = gfFittedCone(apex, axis, giAngle(theta), deviation);
+      return true;
+    }
+
+   private:
+    giPoint3coDynArr const& some_;
+    const int n_;
+    const bool all_points_;
+    const double extent_, tolerance_;
+    const giUnitVec3coDynArr no_normals_;
+    gfConeGuessGenerator generator_;
+    const giPoint3 origin_;
+    gfLeastSquareCone problem_, all_;
+    mlLevenbergMarquardt lm_, lm_all_;
+    gfit::detail::SearchBudget budget_;
+    mlVector start_ = mlVector(8), second_ = mlVector(8), result_ = mlVector(8), refined_ = mlVector(8);
+  };
+  return gfit::detail::several_elements(points, normals, tolerance, angle, count, 6, kSearchPoints,
+                                        "no cone within the tolerance", results,
+                                        [&](gfit::detail::SearchSubset const& subset, double extent) {
+                                          return std::make_unique<Attempts>(subset.points(), points, extent,
+                                                                            tolerance, count);
+                                        });
 }
 
 // ---- evaluator entries ------------------------------------------------------------------

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <vector>
 
 #include "gfit/leastsquares/axis_candidates.h"
 #include "gfit/leastsquares/axis_search.h"
 #include "gfit/leastsquares/evaluator.h"
 #include "gfit/leastsquares/refusal.h"
+#include "gfit/leastsquares/search_shared.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
 #include "gfit/platform/random.h"
@@ -44,9 +46,9 @@ int gfFittedCylinder::invalid() const {
 // ---- the problem ------------------------------------------------------------------------
 
 gfLeastSquareCylinder::gfLeastSquareCylinder(giPoint3coDynArr const& points)
-    : gfLeastSquareDistance3(7, points), dF_(6), dG_(6) {}
+    : AxialProblem(7, points, giPoint3(0.0, 0.0, 0.0)), dF_(6), dG_(6) {}
 gfLeastSquareCylinder::gfLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3 const& origin)
-    : gfLeastSquareDistance3(7, points), origin_{origin.x(), origin.y(), origin.z()}, dF_(6), dG_(6) {}
+    : AxialProblem(7, points, origin), dF_(6), dG_(6) {}
 gfLeastSquareCylinder::~gfLeastSquareCylinder() = default;
 
 void gfLeastSquareCylinder::normalize_parameters(mlVector& p) const { gfit::detail::canonical_axis(p); }
@@ -72,11 +74,6 @@ void gfLeastSquareCylinder::get_distance_and_gradient(double& d, mlVector& g, in
   d = G - p[6];
   for (int k = 0; k < 6; ++k) g[k] = dG_[k];
   g[6] = -1.0;
-}
-
-void gfLeastSquareCylinder::evaluate_block(int first, int count, double* distances, double* squares,
-                                           double* jacobian, int ld) const {
-  offset_block(nullptr, first, count, distances, squares, jacobian, ld);
 }
 
 void gfLeastSquareCylinder::offset_block(double const* offsets, int first, int count, double* distances,
@@ -148,9 +145,7 @@ int gfLeastSquareCylinder::are_normals_in_limit(giPoint3coDynArr const& points, 
 
 void gfLeastSquareCylinder::add_distinct_result(gfFittedCylinder const& c, double tolerance, giAngle angle,
                                                 gfFittedCylindercoDynArr& results) {
-  for (gfFittedCylinder const& e : results)
-    if (c.coincident(e, tolerance, angle)) return;
-  results.append(c);
+  gfit::detail::add_distinct(c, tolerance, angle, results);
 }
 
 // ---- initial axis -----------------------------------------------------------------------
@@ -171,6 +166,14 @@ bool circle_through(giPoint3 const& a, giPoint3 const& b, giPoint3 const& c, giU
   radius = centre.distance(a);
   return true;
 }
+
+// The initial axis's thresholds, fractions of the points' extent or ratios of radii: two
+// rings of three points are congruent when their radii differ by a tenth at most; two
+// points closer than 1e-9 of the extent give no direction; the walk stops at a projected
+// circle round to a thousandth of the extent (0.1 on a part 100 across).
+constexpr double kCongruent = 0.1;
+constexpr double kCoincident = 1e-9;
+constexpr double kRound = 1e-3;
 
 // Fits the projected circles of `directions` in order, on the allowed threads, a chunk at
 // a time, handing each result to `visit` in order until it returns false. Returns the
@@ -209,6 +212,8 @@ double circle_work(int steps) { return 2.0 + steps; }
 void initial_solution(giPoint3coDynArr const& points, std::vector<CircleAlongDirection>& fitters, int circle_steps,
                       gfit::detail::SearchBudget* budget, giVector3& direction) {
   const int n = points.count();
+  // The lengths it compares with are fractions of the points' extent (see the header).
+  const double size = gfit::detail::extent(points.data(), n);
   bool have_six = false;
   giVector3 six;
   if (n == 6) {
@@ -216,13 +221,13 @@ void initial_solution(giPoint3coDynArr const& points, std::vector<CircleAlongDir
     double r1 = 0.0, r2 = 0.0;
     if (circle_through(points[0], points[1], points[2], n1, r1) &&
         circle_through(points[3], points[4], points[5], n2, r2) &&
-        std::fabs(std::fabs(n1.dot(n2)) - 1.0) <= 0.1 && std::fabs(r1 - r2) <= 1.0) {
+        std::fabs(std::fabs(n1.dot(n2)) - 1.0) <= 0.1 && std::fabs(r1 - r2) <= kCongruent * std::fmax(r1, r2)) {
       have_six = true;
       six = n1;
     }
   }
   giVector3 v = n >= 2 ? points[0] - points[1] : giVector3(1.0, 0.0, 0.0);
-  if (v.length() < 1e-7) v = giVector3(1.0, 0.0, 0.0);
+  if (!(v.length() > kCoincident * size)) v = giVector3(1.0, 0.0, 0.0);
 
   if (n >= 3) {
     double best = DBL_MAX;
@@ -244,7 +249,7 @@ void initial_solution(giPoint3coDynArr const& points, std::vector<CircleAlongDir
               next_angle = 1.5 * gradient.step_angle();
             }
             if (budget && (i & 63) == 63 && !budget->charge(64 * circle_work(circle_steps) * n)) stopped = true;
-            return !(best < 0.1) && !stopped;  // round within a tenth: walk no further
+            return !(best < kRound * size) && !stopped;  // round enough: walk no further
           });
       if (budget) budget->charge((fitted_count & 63) * circle_work(circle_steps) * n);
       if (stopped || (budget && !budget->go_on())) break;
@@ -287,10 +292,14 @@ constexpr double kSearchWork = 2e5;
 constexpr int kRankingSteps = 0;
 constexpr double kContender = 2.0;
 constexpr int kFinishSteps = 50;
+// A solution within this fraction of the range in RMS ends the search after its first pass;
+// agreement with the normals is given up when it costs more than this fraction in RMS.
+constexpr double kGoodEnough = 1e-3;
 
 struct Solution {
   double value = DBL_MAX;
   mlVector parameters = mlVector(7);  // axis point from the frame origin, direction, radius
+  bool converged = true;              // whether the solver's run that gave it converged
 };
 
 void set_candidate(ProjectedCircle const& c, giUnitVec3 const& d, mlVector& p) {
@@ -369,13 +378,16 @@ class CylinderSearch {
                                       result_);
     if (!std::isfinite(value)) return;
     const bool ok = agrees(result_, limit);
+    const bool converged = gfit::detail::converged(lm_);
     if (ok && value < best_ok_.value) {
       best_ok_.value = value;
       best_ok_.parameters = result_;
+      best_ok_.converged = converged;
     }
     if (value < best_any_.value) {
       best_any_.value = value;
       best_any_.parameters = result_;
+      best_any_.converged = converged;
     }
   }
 
@@ -432,7 +444,9 @@ class CylinderSearch {
     std::vector<char> used(100), fitted(100);
     std::vector<ProjectedCircle> circles(100);
     for (int pass = 0; pass <= gfLeastSquareDistance3::num_guess_directions(); ++pass) {
-      if (pass >= 1 && best_ok_.value < range_ * 0.001) break;  // compares an area with a length, as the fit always has
+      // The other passes only when the best fit is off by more than a thousandth of the range
+      // in RMS (lengths with lengths, so that the unit does not decide).
+      if (pass >= 1 && std::sqrt(best_ok_.value) < range_ * kGoodEnough) break;
       bool restricted = false;
       giUnitVec3 pass_direction;
       double cos_cone = 1.0;
@@ -538,6 +552,7 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
       const double value = lm.fit(s.parameters, result);
       s.value = std::isfinite(value) ? value : DBL_MAX;
       s.parameters = result;
+      s.converged = gfit::detail::converged(lm);
     };
     const bool one = best_ok.value != DBL_MAX && same(best_ok.parameters, best_any.parameters);
     refine(best_any);
@@ -555,7 +570,13 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
   }
   // Agreement with the normals is given up when it costs more than a thousandth of the
   // range in RMS.
-  if (problem.range() * 0.001 < std::sqrt(best_ok.value) - std::sqrt(best_any.value)) best_ok = best_any;
+  if (problem.range() * kGoodEnough < std::sqrt(best_ok.value) - std::sqrt(best_any.value)) best_ok = best_any;
+  // The answer run to convergence on all the points (see gfit::detail::finish_fit).
+  if (!best_ok.converged) {
+    mlLevenbergMarquardt lm(problem);
+    lm.set_strict(true);
+    best_ok.value = gfit::detail::finish_fit(lm, best_ok.parameters, best_ok.value);
+  }
   // Judged on all the points (after the refinement on them), in the search's frame.
   if (!determined_cylinder(problem, best_ok.parameters, best_ok.value, spread.extent)) return 0;
   write_outputs(best_ok.parameters, best_ok.value, origin, point, direction, radius, residual);
@@ -565,71 +586,70 @@ int gfCalculateLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3& poi
 int gfCalculateMultipleLeastSquareCylinders(giPoint3coDynArr const& points, giUnitVec3coDynArr const& normals,
                                             double tolerance, giAngle const& angle, int count,
                                             gfFittedCylindercoDynArr& results) {
-  using gfit::detail::refuse;
-  const int n = points.count();
-  gfit::detail::PointSpread spread;
-  if (n < 5) return refuse(gfReason::too_few_points);
-  if (!gfit::detail::check_points(points, 5, gfit::detail::Span::space, &spread)) return 0;
-  // The normals only steer the random directions: any number of them, each set and finite.
-  if (!gfit::detail::all_valid(normals)) return refuse(gfReason::non_finite_input, "a normal is unset or not finite");
   // Each attempt ranks and refines on the subset; a cylinder within the tolerance there is
   // refined on all the points and kept if it is within the tolerance there too and the
   // points determine it.
-  const giUnitVec3coDynArr no_normals;
-  gfit::detail::SearchSubset subset(points, no_normals, kSearchPoints);
-  gfFittedCylindercoDynArr found = results;  // the caller's list is left alone if cancelled
-  const int found_before = found.count();
-  giPoint3coDynArr const& some = subset.points();
-  const giPoint3 origin = gfit::detail::mean_of(some.data(), some.count());
-  const giAngle cone = giAngle::from_degrees(30.0), second_cone = giAngle::from_degrees(30.0);
-  gfRandDirGenMulti generator(1000.0, normals, cone, 0.9);
-  gfLeastSquareCylinder problem(some, origin), all(points, origin);
-  mlLevenbergMarquardt lm(problem), lm_all(all);
-  SearchBudget budget(kSearchWork * some.count() * std::max(1, count));
-  const giPoint3 plane_origin(0.0, 0.0, 0.0);
-  mlVector start(7), result(7), refined(7);
-  const long long attempts = 150LL * count;
-  for (long long attempt = 0; attempt < attempts && found.count() < count; ++attempt) {
-    if (!budget.go_on()) break;
-    giUnitVec3 d = generator.direction();
-    giPoint3 centre;
-    double r = 0.0, e = 0.0;
-    budget.charge(2 * 20.0 * some.count());  // two circle fits, about twenty passes each
-    if (!gfLeastSquareEvaluator::evaluate_circle2(plane_origin, d, some, centre, r, e)) continue;
-    gfRandDirGenerator nearby(1.1, d, second_cone, 0.1);
-    giUnitVec3 d2 = nearby.rand_vec_bias_region();
-    giPoint3 centre2;
-    double r2 = 0.0, e2 = 0.0;
-    if (gfLeastSquareEvaluator::evaluate_circle2(plane_origin, d2, some, centre2, r2, e2) && e2 < e) {
-      d = d2;
-      centre = centre2;
-      r = r2;
+  class Attempts {
+   public:
+    Attempts(giPoint3coDynArr const& some, giPoint3coDynArr const& points, double extent, double tolerance,
+             int count)
+        : some_(some), all_points_(some.count() == points.count()), extent_(extent), tolerance_(tolerance),
+          origin_(gfit::detail::mean_of(some.data(), some.count())), problem_(some, origin_), all_(points, origin_),
+          lm_(problem_), lm_all_(all_), budget_(kSearchWork * some.count() * std::max(1, count)) {}
+    bool go_on() const { return budget_.go_on(); }
+    bool attempt(giUnitVec3 d, gfFittedCylinder& out) {
+      const giPoint3 plane_origin(0.0, 0.0, 0.0);
+      giPoint3 centre;
+      double r = 0.0, e = 0.0;
+      budget_.charge(2 * 20.0 * some_.count());  // two circle fits, about twenty passes each
+      if (!gfLeastSquareEvaluator::evaluate_circle2(plane_origin, d, some_, centre, r, e)) return false;
+      const giUnitVec3 d2 = gfit::detail::nearby_direction(d);
+      giPoint3 centre2;
+      double r2 = 0.0, e2 = 0.0;
+      if (gfLeastSquareEvaluator::evaluate_circle2(plane_origin, d2, some_, centre2, r2, e2) && e2 < e) {
+        d = d2;
+        centre = centre2;
+        r = r2;
+      }
+      start_ = mlVector{centre.x() - origin_.x(), centre.y() - origin_.y(), centre.z() - origin_.z(),
+                        d.x(), d.y(), d.z(), r};
+      double rms = std::sqrt(
+          budget_.fit(lm_, some_.count(), mlLevenbergMarquardt::default_max_iterations, start_, result_));
+      if (!(rms < tolerance_)) return false;
+      if (!all_points_) {
+        rms = std::sqrt(lm_all_.fit(result_, refined_));
+        if (!(rms < tolerance_)) return false;
+        result_ = refined_;
+      }
+      // Only cylinders that all the points determine (see leastsquares/refusal.h), judged in
+      // the frame of the solver's parameters.
+      if (!(result_[6] > 0.0 && gfit::detail::within_size_bound(result_[6], extent_) &&
+            gfit::detail::determined(gfit::detail::axial_determination(all_, result_))))
+        return false;
+      giPoint3 axis_point;
+      giUnitVec3 axis;
+      double radius = 0.0, deviation = 0.0;
+      write_outputs(result_, rms * rms, origin_, axis_point, axis, radius, deviation);
+      out = gfFittedCylinder(axis_point, axis, radius, rms);
+      return true;
     }
-    start = mlVector{centre.x() - origin.x(), centre.y() - origin.y(), centre.z() - origin.z(), d.x(), d.y(), d.z(), r};
-    double rms = std::sqrt(budget.fit(lm, some.count(), mlLevenbergMarquardt::default_max_iterations, start, result));
-    if (!(rms < tolerance)) continue;
-    if (!subset.all()) {
-      rms = std::sqrt(lm_all.fit(result, refined));
-      if (!(rms < tolerance)) continue;
-      result = refined;
-    }
-    // Only cylinders that all the points determine (see leastsquares/refusal.h), judged in
-    // the frame of the solver's parameters.
-    if (!(result[6] > 0.0 && gfit::detail::within_size_bound(result[6], spread.extent) &&
-          gfit::detail::determined(gfit::detail::axial_determination(all, result))))
-      continue;
-    giPoint3 axis_point;
-    giUnitVec3 axis;
-    double radius = 0.0, deviation = 0.0;
-    write_outputs(result, rms * rms, origin, axis_point, axis, radius, deviation);
-    gfLeastSquareCylinder::add_distinct_result(gfFittedCylinder(axis_point, axis, radius, rms), tolerance, angle,
-                                               found);
-  }
-  if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
-  results = found;
-  if (results.count() == found_before) refuse(gfReason::no_convergence, "no cylinder within the tolerance");
-  else gfit::detail::succeed();
-  return results.count();
+
+   private:
+    giPoint3coDynArr const& some_;
+    const bool all_points_;
+    const double extent_, tolerance_;
+    const giPoint3 origin_;
+    gfLeastSquareCylinder problem_, all_;
+    mlLevenbergMarquardt lm_, lm_all_;
+    SearchBudget budget_;
+    mlVector start_ = mlVector(7), result_ = mlVector(7), refined_ = mlVector(7);
+  };
+  return gfit::detail::several_elements(points, normals, tolerance, angle, count, 5, kSearchPoints,
+                                        "no cylinder within the tolerance", results,
+                                        [&](gfit::detail::SearchSubset const& subset, double extent) {
+                                          return std::make_unique<Attempts>(subset.points(), points, extent,
+                                                                            tolerance, count);
+                                        });
 }
 
 // ---- evaluator entries ------------------------------------------------------------------

@@ -41,6 +41,21 @@
 //    most the solver's iteration limit). A host's cancel flag (gfSetCancelFlag) is polled
 //    between candidates and by the solver between iterations; a cancelled fit returns 0
 //    with gfReason::cancelled.
+//  - Thresholds relative to the data. Every length the search compares with is a fraction
+//    of the points' extent (the diagonal of their bounding box): the ring walk stops at a
+//    projected circle round to 1e-3 of it (0.1 on a part 100 across); the passes after the
+//    first run only while the best solution's RMS exceeds 1e-3 of it, and agreement with
+//    the normals is given up when it costs more than 1e-3 of it in RMS; two points closer
+//    than 1e-9 of it give the walk no start direction; six points are read as two rings
+//    when their radii agree within a tenth. Angles, ratios and counts carry no unit. A part
+//    in millimetres and the same part in metres therefore give the same cylinder, scaled.
+//    (Before, the passes after the first stopped on a mean squared distance below 1e-3 of
+//    the range, an area against a length, and the walk on a roundness of 0.1 in any unit.)
+//  - Run to convergence. When the solver run that gave the answer ended with its polishing
+//    steps or its iterations spent (a short, rough arc, where the sum of squares is flat
+//    along the radius and the axis position together), the answer is fitted again from
+//    itself, strictly, at most three times (gfit::detail::finish_fit): otherwise it would
+//    depend on the start the search happened to reach, at 1e-7.
 // The candidates of a batch may be evaluated on several threads (see gfSetMaxThreads in
 // platform/parallel.h); the result is bit-identical for every thread count.
 //
@@ -55,7 +70,7 @@
 #include <cfloat>
 
 #include "gfit/gfit_export.h"
-#include "gfit/leastsquares/distance.h"
+#include "gfit/leastsquares/axial_problem.h"
 #include "gfit/platform/angle.h"
 
 // A fitted cylinder: axis point, unit axis direction, radius and RMS deviation. The default
@@ -87,7 +102,7 @@ class GFIT_EXPORT gfFittedCylinder {
 
 using gfFittedCylindercoDynArr = coDynArr<gfFittedCylinder>;
 
-class GFIT_EXPORT gfLeastSquareCylinder : public gfLeastSquareDistance3 {
+class GFIT_EXPORT gfLeastSquareCylinder : public gfit::detail::AxialProblem {
  public:
   explicit gfLeastSquareCylinder(giPoint3coDynArr const& points);
   // The same problem with the axis point measured from `origin`: point = origin + p[0..2],
@@ -99,7 +114,6 @@ class GFIT_EXPORT gfLeastSquareCylinder : public gfLeastSquareDistance3 {
   // be told apart, and the fit loses most of its digits.) The distances are those of the
   // same cylinder in world coordinates.
   gfLeastSquareCylinder(giPoint3coDynArr const& points, giPoint3 const& origin);
-  giPoint3 frame_origin() const override { return giPoint3(origin_[0], origin_[1], origin_[2]); }
 
   // The direction made unit (a zero one becomes (1, 0, 0)); the axis point moved along the
   // axis to the foot of the perpendicular from the origin; the radius kept, sign included.
@@ -112,12 +126,6 @@ class GFIT_EXPORT gfLeastSquareCylinder : public gfLeastSquareDistance3 {
   void parameter_scales(mlVector& s) const override;
   ~gfLeastSquareCylinder() override;
 
-  void evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
-                      int ld) const override;
-  void evaluate_distances(int first, int count, double* distances, double* squares) const override {
-    evaluate_block(first, count, distances, squares, nullptr, 0);
-  }
-
   // Whether a solution agrees with the caller's guess axis (within `limit`, either way
   // round; an unset guess always agrees) and with the surface normals: the radial
   // directions from the axis must all be within `limit` of the normals, all outward or all
@@ -129,13 +137,11 @@ class GFIT_EXPORT gfLeastSquareCylinder : public gfLeastSquareDistance3 {
                                   gfFittedCylindercoDynArr& results);
 
  protected:
-  // The distances G - r + offsets[i] (no offsets when null) and their gradient in one loop:
-  // the batch form of this class and of the probe-compensated cylinder.
+  // The distances G - r + offsets[i] (no offsets when null) and their gradient.
   void offset_block(double const* offsets, int first, int count, double* distances, double* squares,
-                    double* jacobian, int ld) const;
+                    double* jacobian, int ld) const override;
 
  private:
-  double origin_[3] = {0.0, 0.0, 0.0};
   mutable mlVector dF_, dG_;
 };
 

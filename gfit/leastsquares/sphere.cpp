@@ -108,9 +108,9 @@ double gfit::detail::sphere_restarts(gfLeastSquareSphere& problem, mlVector& bes
       best = result;
       if (ratio) *ratio = determination(lm, problem);
     }
-    // The first fit is taken when its mean squared distance is below a thousandth of R
-    // (a length compared with an area: a fixed, scale-dependent threshold of the fit).
-    if (pass == 0 && R * 0.001 > best_value) break;
+    // The first fit is taken when its RMS distance is below a thousandth of R (lengths
+    // compared with lengths, so that the choice does not depend on the unit).
+    if (pass == 0 && R * 0.001 > std::sqrt(best_value)) break;
   }
   return best_value;
 }

@@ -36,7 +36,8 @@ class GFIT_EXPORT gfLeastSquareSphere : public gfLeastSquareDistance3 {
 
 namespace gfit::detail {
 // The sphere's restart scheme on any sphere problem: a fit from the centroid with three
-// times the range as radius; unless its mean squared distance is below range * 0.003, 19
+// times the range as radius; unless its RMS distance is below range * 0.003 (lengths
+// compared with lengths: the choice does not depend on the unit), 19
 // more fits, each from the best of 100 random spheres about the centroid (seed 1). Writes
 // the best parameters and returns their mean squared distance; `ratio`, when given,
 // receives their determination (leastsquares/refusal.h), read off the solver's factor.

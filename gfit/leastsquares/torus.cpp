@@ -10,6 +10,7 @@
 #include "gfit/leastsquares/evaluator.h"
 #include "gfit/leastsquares/probed.h"
 #include "gfit/leastsquares/refusal.h"
+#include "gfit/leastsquares/search_shared.h"
 #include "gfit/platform/eigen_solvers.h"
 #include "gfit/platform/levenberg_marquardt.h"
 #include "gfit/platform/parallel.h"
@@ -363,11 +364,7 @@ bool TorusAlongDirection::normals_meet(giUnitVec3 const& e1, giUnitVec3 const& e
     rx += mx * c;
     ry += my * c;
   }
-  const double det = sxx * syy - sxy * sxy;
-  if (!(det > 1e-12 * (sxx + syy) * (sxx + syy))) return false;
-  a = (syy * rx - sxy * ry) / det;
-  b = (sxx * ry - sxy * rx) / det;
-  return std::isfinite(a) && std::isfinite(b);
+  return gfit::detail::solve_symmetric_2x2(sxx, sxy, syy, rx, ry, a, b);
 }
 
 bool TorusAlongDirection::fit(giUnitVec3 const& d, int iterations, double const* offset, TorusStart& out) {

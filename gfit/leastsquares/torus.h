@@ -33,6 +33,14 @@
 // directions and the solver between iterations, and the fit then returns 0 with
 // gfReason::cancelled.
 //
+// Its thresholds carry no unit, so a part in millimetres and the same part in metres give
+// the same torus, scaled: the hemisphere pattern follows unless the best fits within a
+// thousandth of its smaller radius in RMS; starts are distinct when their axes differ by 10
+// degrees or their centres or ring radii by 0.05 of the points' RMS distance from their
+// centroid; the inner fits settle on relative changes of the sum of squares (1e-7, 1e-8).
+// (Within 1e-7 of the axis or the spine circle, where the distance has no derivative, the
+// gradient takes its limit: a guard at the singular points, not a choice of the search.)
+//
 // When the points determine a torus (leastsquares/refusal.h): at least 7 points, not
 // coplanar; at the solution (after the refinement on all the points, in the frame the solver
 // used) a Jacobian of full rank in the 7 independent parameters. Otherwise the entries
