@@ -68,9 +68,9 @@ def main():
             value = result
             for key in where.split("."):
                 value = value[key]
-            print(f"   {what:<22} {show(value):<40} nominal {show(nominal)}")
+            print(f"   {what:<24} {show(value):<40} nominal {show(nominal)}")
         if "residual" in result:
-            print(f"   {'RMS, form':<22} {show(result['residual'])}, {show(result['form'])}")
+            print(f"   {"RMS, form":<24} {show(result['residual'])}, {show(result['form'])}")
     return 1 if failed else 0
 
 

@@ -513,6 +513,10 @@ int main(int argc, char** argv) {
                 (guess.empty() ? "" : " (did you mean '" + guess + "'?)") +
                 (where == fit ? "; see 'gfit elements'" : "");
     }
+    if (where == fit && fit->get_subcommands().empty())
+      message = "fit needs an element and a file: gfit fit ELEMENT FILE (see 'gfit elements')";
+    else if (where != &app && message.rfind("unknown", 0) != 0)
+      message = where->get_name() + ": " + message;
     std::cerr << "gfit: " << message << "\n";
     if (argc < 2) std::cerr << app.help();
     return 2;
