@@ -70,7 +70,7 @@ def main():
                 value = value[key]
             print(f"   {what:<24} {show(value):<40} nominal {show(nominal)}")
         if "residual" in result:
-            print(f"   {"RMS, form":<24} {show(result['residual'])}, {show(result['form'])}")
+            print(f"   {'RMS, form':<24} {show(result['residual'])}, {show(result['form'])}")
     return 1 if failed else 0
 
 
