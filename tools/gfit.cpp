@@ -393,7 +393,7 @@ int run_fit(Element const& element, FitCommand const& command) {
 void add_input_options(CLI::App* app, InputOptions& input) {
   app->add_option("--format", input.format, "input format (default: by extension and content)")
       ->check(CLI::IsMember({"auto", "text", "csv", "ply"}))
-      ->type_name("auto|text|csv|ply");
+      ->type_name("FORMAT");
   app->add_option("--columns", input.columns, "the columns to read, by name or 1-based number (X,Y,Z or 2,3,4)")
       ->type_name("LIST");
 }
@@ -427,7 +427,8 @@ int main(int argc, char** argv) {
     CLI::App* sub = fit->add_subcommand(e.name, e.summary);
     sub->add_option("FILE", command.file, "the points ('-': standard input)")->required();
     add_input_options(sub, command.input);
-    sub->add_option("--units", command.units, "the length unit of the coordinates, stated in the result (default mm)");
+    sub->add_option("--units", command.units, "the length unit of the coordinates, stated in the result (default mm)")
+        ->type_name("UNIT");
     sub->add_option("--residuals", command.residuals, "write the signed deviation of every point (CSV: index,x,y,z,deviation)")
         ->type_name("FILE");
     add_spec_options(sub, e.options, command.options);
@@ -505,18 +506,18 @@ int main(int argc, char** argv) {
   } catch (CLI::ParseError const& e) {
     CLI::App* where = active(&app);
     std::string message = e.what();
-    // A mistyped element or command: suggest the closest name.
     if (where->get_subcommands({}).size() > 0 && !where->remaining().empty()) {
+      // A mistyped element or command: suggest the closest name.
       std::string const word = where->remaining().front();
       std::string const guess = closest(word, subcommand_names(where));
       message = "unknown " + std::string(where == fit ? "element" : "command") + " '" + word + "'" +
                 (guess.empty() ? "" : " (did you mean '" + guess + "'?)") +
                 (where == fit ? "; see 'gfit elements'" : "");
-    }
-    if (where == fit && fit->get_subcommands().empty())
+    } else if (where == fit) {
       message = "fit needs an element and a file: gfit fit ELEMENT FILE (see 'gfit elements')";
-    else if (where != &app && message.rfind("unknown", 0) != 0)
+    } else if (where != &app) {
       message = where->get_name() + ": " + message;
+    }
     std::cerr << "gfit: " << message << "\n";
     if (argc < 2) std::cerr << app.help();
     return 2;
