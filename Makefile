@@ -43,33 +43,16 @@ build: configure
 test: build
 	@ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
 
+# Quiet while building: the build's progress goes to $(BUILD_DIR)/demo-build.log, shown only
+# when the build fails. Each result is printed beside the nominal its data were made from.
 demo: configure
-	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_cli
-	@echo "== plane through data/plane.xyz"
-	@$(GFIT) fit plane data/plane.xyz
-	@echo "== 3-D line through data/line.xyz"
-	@$(GFIT) fit line3 data/line.xyz
-	@echo "== cylinder through data/cylinder.xyz (a probed bore)"
-	@$(GFIT) fit cylinder data/cylinder.xyz
-	@echo "== the same bore, with its surface normals"
-	@$(GFIT) fit cylinder data/cylinder.xyz --normals data/cylinder-normals.xyz
-	@echo "== ellipse through data/ellipse.xy"
-	@$(GFIT) fit ellipse data/ellipse.xy
-	@echo "== sphere touched by a 2 mm probe ball, data/probed-sphere.xyzr"
-	@$(GFIT) fit probed-sphere data/probed-sphere.xyzr
-	@echo "== cone through data/cone.xyz"
-	@$(GFIT) fit cone data/cone.xyz
-	@echo "== torus through data/torus.xyz"
-	@$(GFIT) fit torus data/torus.xyz
-	@echo "== roundness of data/roundness.xy: minimum-zone circle"
-	@$(GFIT) fit minmax-circle data/roundness.xy
-	@echo "== deviations of data/bracket.xyz from the CAD part data/bracket.step (first and last rows, summary)"
-	@$(GFIT) deviations --cad data/bracket.step data/bracket.xyz | sed -n '1,4p;400,$$p'
-	@echo "== align the displaced probe set data/bracket-displaced.xyz to data/bracket.step (transform, last rows, summary)"
-	@$(GFIT) align --cad data/bracket.step data/bracket-displaced.xyz | sed -n '1,7p;400,$$p'
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_cli >$(BUILD_DIR)/demo-build.log 2>&1 \
+	  || { cat $(BUILD_DIR)/demo-build.log; echo "make demo: the build failed (log: $(BUILD_DIR)/demo-build.log)"; exit 1; }
+	@$(PYTHON) tools/demo.py $(GFIT) $$(grep -q "^GFIT_BUILD_CAD:BOOL=ON" $(BUILD_DIR)/CMakeCache.txt && echo cad)
 	@if grep -q "^GFIT_BUILD_PYTHON:BOOL=ON" $(BUILD_DIR)/CMakeCache.txt; then \
 	  echo "== from Python: the cylinder, its form map and the roundness plot ($(BUILD_DIR)/plots/*.png)"; \
-	  cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_python && \
+	  cmake --build $(BUILD_DIR) -j $(JOBS) --target gfit_python >>$(BUILD_DIR)/demo-build.log 2>&1 \
+	    || { cat $(BUILD_DIR)/demo-build.log; exit 1; }; \
 	  PYTHONPATH=$(BUILD_DIR)/python $(PYTHON) python/examples/demo.py $(BUILD_DIR)/plots; \
 	fi
 

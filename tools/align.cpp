@@ -61,35 +61,16 @@ giVector3 rotation_vector_degrees(giXform3 const& x) {
 
 }  // namespace
 
-int run_align(std::vector<std::string> const& args) {
-  Options options;
-  std::string points_path;
+int run_align(Command const& command) {
+  Options const& options = command.options;
+  std::string const& points_path = command.args[0];
   std::vector<std::string> pairs;
+  if (options.has("--pairs")) {
+    std::string const& both = options.get("--pairs");  // the two files, one per line
+    pairs = {both.substr(0, both.find('\n')), both.substr(both.find('\n') + 1)};
+  }
   try {
-    for (size_t i = 0; i < args.size(); ++i) {
-      std::string const& a = args[i];
-      if (a == "--json") {
-        options.values[a] = "";
-      } else if (a == "--pairs") {
-        if (i + 2 >= args.size()) throw UsageError{"--pairs needs two files"};
-        pairs = {args[i + 1], args[i + 2]};
-        i += 2;
-      } else if (a == "--cad" || a == "--tol" || a == "--lock-origin" || a == "--lock-rotations" || a == "--bands" ||
-                 a == "--scale") {
-        if (i + 1 >= args.size()) throw UsageError{a + " needs a value"};
-        options.values[a] = args[++i];
-      } else if (a.rfind("--", 0) == 0) {
-        throw UsageError{"align takes no option '" + a + "'"};
-      } else if (points_path.empty()) {
-        points_path = a;
-      } else {
-        throw UsageError{"align takes one file of points, not '" + a + "' too"};
-      }
-    }
-    if (!options.has("--cad") || points_path.empty())
-      throw UsageError{"usage: gfit align --cad PART.step POINTS [--pairs MEASURED NOMINAL] [--tol T] "
-                       "[--lock-origin x,y,z:x,y,z] [--lock-rotations x,y,z[:...]] [--bands FILE] [--scale PASSES] "
-                       "[--json]"};
+    if (!options.has("--cad")) throw UsageError{"align needs --cad PART (STEP, IGES or BREP)"};
     double tol = options.has("--tol") ? number_option(options, "--tol") : 1e-6;
     if (!(tol > 0.0)) throw UsageError{"--tol needs a positive number"};
     int passes = options.has("--scale") ? static_cast<int>(number_option(options, "--scale")) : 0;
@@ -100,7 +81,9 @@ int run_align(std::vector<std::string> const& args) {
     std::string error;
     tskSurfPtr part = tskSurf::read(options.get("--cad"), error);
     if (!part) throw UsageError{error};
-    PointTable table = read_table(points_path, 3, "points file");
+    Input input;
+    if (!read_input(points_path, command.input, 3, 0, input, error)) throw UsageError{error};
+    PointTable const& table = input.points;
     giPoint3coDynArr measured = points3(table);
     const int n = measured.count();
     if (n < 3) throw UsageError{"align needs at least 3 points, " + points_path + " has " + std::to_string(n)};
@@ -202,27 +185,33 @@ int run_align(std::vector<std::string> const& args) {
     std::vector<std::vector<double>> matrix;
     for (int row = 0; row < 3; ++row) matrix.push_back({result(row, 0), result(row, 1), result(row, 2), result(row, 3)});
     matrix.push_back({0, 0, 0, 1});
-    std::vector<double> contradictory;
+    std::vector<int> contradictory;
     for (int k : bf.overdetermined_constraints()) contradictory.push_back(k);
 
-    JsonObject summary;
-    summary.add("rms", valid ? std::sqrt(squares / valid) : NAN)
-        .add("min", valid ? lowest : NAN)
-        .add("max", valid ? highest : NAN)
-        .add("invalid", n - valid)
-        .add("steps", passes > 0 ? 0 : bf.steps_taken())
-        .add("contradictory_limits", contradictory);
-    if (passes > 0) summary.add("scale_x", sx).add("scale_y", sy);
+    Json summary;
+    summary["rms"] = valid ? Json(std::sqrt(squares / valid)) : Json(nullptr);
+    summary["min"] = valid ? Json(lowest) : Json(nullptr);
+    summary["max"] = valid ? Json(highest) : Json(nullptr);
+    summary["form"] = valid ? Json(highest - lowest) : Json(nullptr);
+    summary["invalid"] = n - valid;
+    summary["steps"] = passes > 0 ? 0 : bf.steps_taken();
+    summary["contradictory_limits"] = contradictory;
+    summary["units"] = "mm";
+    if (passes > 0) {
+      summary["scale_x"] = sx;
+      summary["scale_y"] = sy;
+    }
     if (options.has("--json")) {
-      JsonObject out;
-      out.add("status", status)
-          .add("transform", matrix)
-          .add("translation", {t.x(), t.y(), t.z()})
-          .add("rotation_vector_degrees", {r.x(), r.y(), r.z()})
-          .add("deviations", deviations);
-      std::string text = out.str();
-      text.pop_back();
-      std::cout << text << ", \"summary\": " << summary.str() << "}\n";
+      Json out;
+      out["schema"] = kSchema;
+      out["status"] = status;
+      if (status != 1) out["reason"] = gfLastReasonText();
+      out["transform"] = matrix;
+      out["translation"] = xyz(t);
+      out["rotation_vector_degrees"] = xyz(r);
+      out["deviations"] = deviations;
+      out["summary"] = summary;
+      std::cout << out.dump() << "\n";
     } else {
       std::cout << "# transform taking the points onto the part (4 x 4)\n";
       for (auto const& row : matrix) std::cout << row[0] << " " << row[1] << " " << row[2] << " " << row[3] << "\n";
@@ -233,7 +222,7 @@ int run_align(std::vector<std::string> const& args) {
         if (std::isfinite(d[1])) std::cout << d[1] << "\n";
         else std::cout << "invalid\n";
       }
-      std::cout << "# summary " << summary.str() << "\n";
+      std::cout << "# summary " << summary.dump() << "\n";
     }
     if (status != 1) {
       std::cerr << "gfit: the alignment stopped early: " << gfLastReasonText() << "\n";

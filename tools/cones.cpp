@@ -1,6 +1,5 @@
 // Cones, and probe-compensated cylinders and cones.
 #include <cmath>
-#include <fstream>
 
 #include "tools/cli.h"
 
@@ -8,53 +7,51 @@ namespace gfit::cli {
 
 namespace {
 
-void add_cone(JsonObject& out, int status, giPoint3 const& apex, giUnitVec3 const& axis, double half_angle,
-              double residual) {
-  out.add("status", status);
-  if (status == 1)
-    out.add("apex", {apex.x(), apex.y(), apex.z()})
-        .add("axis", {axis.x(), axis.y(), axis.z()})
-        .add("half_angle", half_angle)
-        .add("half_angle_degrees", half_angle * 180.0 / giPi)
-        .add("residual", residual);
-}
-
-int fit_cone(PointTable const& t, Options const& options, JsonObject& out) {
-  giPoint3coDynArr points = points3(t);
-  const AxisGuide guide = axis_guide(options, points.count());
+int fit_cone(Input const& in, Options const& options, FitResult& out) {
+  giPoint3coDynArr points = points3(in.points);
+  const AxisGuide guide = axis_guide(in, options);
   giPoint3 apex;
   giUnitVec3 axis;
   double half_angle = 0.0, residual = 0.0;
   const int status =
-      options.has("--normals")
+      guide.normals.count() > 0
           ? gfLeastSquareEvaluator::evaluate_cone(points, guide.normals, guide.angle, apex, axis, half_angle,
                                                   residual, 0)
           : gfLeastSquareEvaluator::evaluate_cone(points, apex, axis, half_angle, residual, guide.guess, guide.angle,
                                                   0);
-  add_cone(out, status, apex, axis, half_angle, residual);
-  if (status == 1) out.add("distribution_quality", Quality::distribution_quality_cone(points, apex, axis, half_angle));
+  if (status != 1) return status;
+  out.residual = residual;
+  check_guess(guide, axis, out);
+  gfLeastSquareCone problem(points);
+  cone_result(points, apex, axis, half_angle, problem, out);
+  out.extra["distribution_quality"] = Quality::distribution_quality_cone(points, apex, axis, half_angle);
+  gfElementUncertainty u;
+  if (gfLeastSquareUncertainty::cone(points, apex, axis, half_angle, u)) out.extra["uncertainty"] = uncertainty_json(u, "cone");
   return status;
 }
 
-int fit_probed_cylinder(PointTable const& t, Options const& options, JsonObject& out) {
-  giPoint3coDynArr points = points3(t);
-  const doublecoDynArr radii = probe_radii(t, 3, options);
+int fit_probed_cylinder(Input const& in, Options const& options, FitResult& out) {
+  giPoint3coDynArr points = points3(in.points);
+  const doublecoDynArr radii = probe_radii(in.points, 3, options);
   const int inside = options.has("--inside") ? 1 : 0;
-  const AxisGuide guide = axis_guide(options, points.count());
+  const AxisGuide guide = axis_guide(in, options);
   giPoint3 point;
   giUnitVec3 direction;
   double radius = 0.0, residual = 0.0;
-  const int status = options.has("--normals")
+  const int status = guide.normals.count() > 0
                          ? gfLeastSquareEvaluator::evaluate_probed_cylinder(points, radii, inside, guide.normals,
                                                                             guide.angle, point, direction, radius,
                                                                             residual, 0)
                          : gfLeastSquareEvaluator::evaluate_probed_cylinder(points, radii, inside, point, direction,
                                                                             radius, residual, guide.guess,
                                                                             guide.angle, 0);
-  add_cylinder_result(out, status, point, direction, radius, residual);
-  if (status == 1)
-    out.add("distribution_quality",
-            Quality::distribution_quality_probed_cylinder(points, radii, inside, point, direction, radius));
+  if (status != 1) return status;
+  out.residual = residual;
+  check_guess(guide, direction, out);
+  gfLeastSquareProbedCylinder problem(points, radii, inside);
+  cylinder_result(points, point, direction, radius, problem, out);
+  out.extra["distribution_quality"] =
+      Quality::distribution_quality_probed_cylinder(points, radii, inside, point, direction, radius);
   return status;
 }
 
@@ -62,64 +59,66 @@ int fit_probed_cylinder(PointTable const& t, Options const& options, JsonObject&
 giPoint3coDynArr read_contacts(Options const& options, int expected) {
   if (!options.has("--contacts")) return giPoint3coDynArr();
   std::string const& path = options.get("--contacts");
-  std::ifstream in(path);
-  if (!in) throw UsageError{"cannot read contacts file " + path};
-  PointTable table;
+  Input file;
   std::string error;
-  if (!read_points(in, 3, table, error)) throw UsageError{"contacts file " + path + ", " + error};
-  if (table.rows() != expected)
-    throw UsageError{"contacts file " + path + " has " + std::to_string(table.rows()) + " points for " +
+  if (!read_input(path, InputOptions{}, 3, 0, file, error)) throw UsageError{"contacts file " + error};
+  if (file.points.rows() != expected)
+    throw UsageError{"contacts file " + path + " has " + std::to_string(file.points.rows()) + " points for " +
                      std::to_string(expected) + " ball centres"};
-  return points3(table);
+  return points3(file.points);
 }
 
-int fit_probed_cone(PointTable const& t, Options const& options, JsonObject& out) {
-  giPoint3coDynArr points = points3(t);
-  const doublecoDynArr radii = probe_radii(t, 3, options);
+int fit_probed_cone(Input const& in, Options const& options, FitResult& out) {
+  giPoint3coDynArr points = points3(in.points);
+  const doublecoDynArr radii = probe_radii(in.points, 3, options);
   const int inside = options.has("--inside") ? 1 : 0;
-  const AxisGuide guide = axis_guide(options, points.count());
+  const AxisGuide guide = axis_guide(in, options);
   const giPoint3coDynArr contacts = read_contacts(options, points.count());
   giPoint3 apex;
   giUnitVec3 axis;
   double half_angle = 0.0, residual = 0.0;
-  const int status = options.has("--normals")
+  const int status = guide.normals.count() > 0
                          ? gfLeastSquareEvaluator::evaluate_probed_cone(points, radii, inside, contacts, guide.normals,
                                                                         guide.angle, apex, axis, half_angle, residual,
                                                                         0)
                          : gfLeastSquareEvaluator::evaluate_probed_cone(points, radii, inside, contacts, apex, axis,
                                                                         half_angle, residual, guide.guess,
                                                                         guide.angle, 0);
-  add_cone(out, status, apex, axis, half_angle, residual);
-  if (status == 1)
-    out.add("distribution_quality",
-            Quality::distribution_quality_probed_cone(points, radii, inside, contacts, apex, axis, half_angle));
+  if (status != 1) return status;
+  out.residual = residual;
+  check_guess(guide, axis, out);
+  gfLeastSquareProbedCone problem(points, radii, inside);
+  cone_result(points, apex, axis, half_angle, problem, out);
+  if (contacts.count() > 0) {
+    // Each centre's side came from the contacts: the one-flag distances would not be the fit's.
+    out.deviations.clear();
+    out.residual = residual;
+  }
+  out.extra["distribution_quality"] =
+      Quality::distribution_quality_probed_cone(points, radii, inside, contacts, apex, axis, half_angle);
   return status;
 }
 
 }  // namespace
 
+std::vector<OptionSpec> probe_options(std::string const& inside_help) {
+  return {{"--radius", "R", "probe ball radius of every point (else a last column x y z r)"},
+          {"--inside", "", inside_help}};
+}
+
 std::vector<Element> cone_elements() {
-  Element probed_cylinder{"probed-cylinder", 3, 5,
-                          "cylinder touched by a probe ball: x y z [r] per ball centre, or --radius R; --inside for a "
-                          "bore; --normals FILE or --guess x,y,z with --angle DEG as for cylinder",
-                          {"--radius", "--inside", "--normals", "--guess", "--angle"},
-                          fit_probed_cylinder};
-  probed_cylinder.max_columns = 4;
-  Element probed_cone{"probed-cone", 3, 6,
-                      "cone touched by a probe ball: x y z [r], or --radius R; --inside when the centres lie inside; "
-                      "--contacts FILE (estimated touch points, one per centre, which decide each centre's side); "
-                      "--normals FILE or --guess x,y,z with --angle DEG",
-                      {"--radius", "--inside", "--contacts", "--normals", "--guess", "--angle"},
-                      fit_probed_cone};
-  probed_cone.max_columns = 4;
+  std::vector<OptionSpec> cylinder_options = probe_options("the ball centres lie inside (a bore)");
+  for (OptionSpec const& o : axis_options()) cylinder_options.push_back(o);
+  std::vector<OptionSpec> cone_options = probe_options("the ball centres lie inside (a conical seat)");
+  cone_options.push_back({"--contacts", "FILE", "estimated touch points, one per centre, which decide each centre's side"});
+  for (OptionSpec const& o : axis_options()) cone_options.push_back(o);
   return {
-      {"cone", 3, 6,
-       "least-squares cone: apex, axis towards the apex, half-angle; --normals FILE (one outward or inward normal "
-       "per point) or --guess x,y,z, with --angle DEG (default 10)",
-       {"--normals", "--guess", "--angle"},
-       fit_cone},
-      probed_cylinder,
-      probed_cone,
+      {"cone", 3, 6, "least-squares cone: apex, axis towards the apex, half-angle", axis_options(), fit_cone, 0,
+       "data/cone.xyz --guess 0,0.6,0.8 --angle 5"},
+      {"probed-cylinder", 3, 5, "cylinder touched by a probe ball (x y z [r] per ball centre)", cylinder_options,
+       fit_probed_cylinder, 4, "centres.xyz --radius 1 --inside"},
+      {"probed-cone", 3, 6, "cone touched by a probe ball (x y z [r] per ball centre)", cone_options, fit_probed_cone, 4,
+       "data/cone.xyz --radius 0.5 --inside"},
   };
 }
 

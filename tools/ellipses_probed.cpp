@@ -7,102 +7,111 @@ namespace gfit::cli {
 
 namespace {
 
-int fit_ellipse(PointTable const& t, Options const&, JsonObject& out) {
+int fit_ellipse(Input const& in, Options const&, FitResult& out) {
+  giPoint2coDynArr points = points2(in.points);
   giPoint2 centre;
   double major = 0, minor = 0, angle = 0, residual = 0;
-  int status = gfLeastSquareEvaluator::evaluate_ellipse(points2(t), centre, major, minor, angle, residual);
-  out.add("status", status)
-      .add("centre", {centre.x(), centre.y()})
-      .add("major", major)
-      .add("minor", minor)
-      .add("angle", angle)
-      .add("angle_degrees", angle * 180.0 / giPi)
-      .add("residual", residual);
-  if (status == 1)
-    out.add("distribution_quality", Quality::distribution_quality_ellipse(points2(t), centre, major, minor, angle));
+  const int status = gfLeastSquareEvaluator::evaluate_ellipse(points, centre, major, minor, angle, residual);
+  if (status != 1) return status;
+  out.residual = residual;
+  ellipse_result(points, centre, major, minor, angle, out);
+  out.extra["distribution_quality"] = Quality::distribution_quality_ellipse(points, centre, major, minor, angle);
   return status;
 }
 
-int fit_axis_rev(PointTable const& t, Options const& options, JsonObject& out) {
-  if (!options.has("--normals")) throw UsageError{"axisrev needs --normals FILE (one surface normal per point)"};
-  giPoint3coDynArr points = points3(t);
-  giUnitVec3coDynArr normals = read_normals(options.get("--normals"), points.count());
+int fit_axis_rev(Input const& in, Options const& options, FitResult& out) {
+  if (!has_normals(in, options))
+    throw UsageError{"axisrev needs normals: --normals FILE, or a points file that carries them"};
+  giPoint3coDynArr points = points3(in.points);
+  giUnitVec3coDynArr normals = normals_of(in, options);
   giPoint3 point;
   giUnitVec3 direction;
   double residual = 0.0;
-  int status = gfLeastSquareEvaluator::evaluate_axis_rev(points, normals, point, direction, residual);
-  out.add("status", status)
-      .add("point", {point.x(), point.y(), point.z()})
-      .add("direction", {direction.x(), direction.y(), direction.z()})
-      .add("residual", residual);
+  const int status = gfLeastSquareEvaluator::evaluate_axis_rev(points, normals, point, direction, residual);
+  if (status != 1) return status;
+  out.residual = residual;
+  foot_and_orientation(points, point, direction);
+  out.parameters["point"] = xyz(point);
+  out.parameters["axis"] = xyz(giVector3(direction));
+  // The residual measures the normals' lines against the axis, not the points against a
+  // surface: there are no per-point deviations.
+  out.residual = residual;
   return status;
 }
 
-int fit_probed_circle(PointTable const& t, Options const& options, JsonObject& out) {
+int fit_probed_circle(Input const& in, Options const& options, FitResult& out) {
   giPoint2 centre;
   double radius = 0.0, residual = 0.0;
-  const giPoint2coDynArr points = points2(t);
-  const doublecoDynArr radii = probe_radii(t, 2, options);
+  const giPoint2coDynArr points = points2(in.points);
+  const doublecoDynArr radii = probe_radii(in.points, 2, options);
   const int inside = options.has("--inside") ? 1 : 0;
-  int status = gfLeastSquareEvaluator::evaluate_probed_circle(points, radii, inside, centre, radius, residual);
-  out.add("status", status).add("centre", {centre.x(), centre.y()}).add("radius", radius).add("residual", residual);
-  if (status == 1)
-    out.add("distribution_quality",
-            Quality::distribution_quality_probed_circle(points, radii, inside, centre, radius));
+  const int status = gfLeastSquareEvaluator::evaluate_probed_circle(points, radii, inside, centre, radius, residual);
+  if (status != 1) return status;
+  out.residual = residual;
+  out.parameters["centre"] = xy(centre);
+  out.parameters["radius"] = radius;
+  out.parameters["diameter"] = 2.0 * radius;
+  gfLeastSquareProbedCircle2 problem(points, radii, inside);
+  out.deviations = distances(problem, mlVector{centre.x(), centre.y(), radius});
+  out.extra["distribution_quality"] = Quality::distribution_quality_probed_circle(points, radii, inside, centre, radius);
   return status;
 }
 
-int fit_probed_sphere(PointTable const& t, Options const& options, JsonObject& out) {
+int fit_probed_sphere(Input const& in, Options const& options, FitResult& out) {
   giPoint3 centre;
   double radius = 0.0, residual = 0.0;
-  int status = gfLeastSquareEvaluator::evaluate_probed_sphere(points3(t), probe_radii(t, 3, options),
-                                                              options.has("--inside") ? 1 : 0, centre, radius,
-                                                              residual);
-  out.add("status", status)
-      .add("centre", {centre.x(), centre.y(), centre.z()})
-      .add("radius", radius)
-      .add("residual", residual);
+  const giPoint3coDynArr points = points3(in.points);
+  const doublecoDynArr radii = probe_radii(in.points, 3, options);
+  const int inside = options.has("--inside") ? 1 : 0;
+  const int status = gfLeastSquareEvaluator::evaluate_probed_sphere(points, radii, inside, centre, radius, residual);
+  if (status != 1) return status;
+  out.residual = residual;
+  out.parameters["centre"] = xyz(centre);
+  out.parameters["radius"] = radius;
+  out.parameters["diameter"] = 2.0 * radius;
+  gfLeastSquareProbedSphere problem(points, radii, inside);
+  out.deviations = distances(problem, mlVector{centre.x(), centre.y(), centre.z(), radius});
   return status;
 }
 
-int fit_probed_plane(PointTable const& t, Options const& options, JsonObject& out) {
-  if (!options.has("--normals"))
-    throw UsageError{"probed-plane needs --normals FILE (approximate normals, material to probe centre)"};
-  giPoint3coDynArr points = points3(t);
-  giUnitVec3coDynArr normals = read_normals(options.get("--normals"), points.count());
+int fit_probed_plane(Input const& in, Options const& options, FitResult& out) {
+  if (!has_normals(in, options))
+    throw UsageError{"probed-plane needs approximate normals (material to probe centre): --normals FILE, or a "
+                     "points file that carries them"};
+  giPoint3coDynArr points = points3(in.points);
+  giUnitVec3coDynArr normals = normals_of(in, options);
+  const doublecoDynArr radii = probe_radii(in.points, 3, options);
   giPoint3 point;
   giUnitVec3 normal;
   double residual = 0.0;
-  int status = gfLeastSquareEvaluator::evaluate_probed_plane(points, probe_radii(t, 3, options), normals, point,
-                                                             normal, residual);
-  out.add("status", status)
-      .add("point", {point.x(), point.y(), point.z()})
-      .add("normal", {normal.x(), normal.y(), normal.z()})
-      .add("residual", residual);
+  const int status = gfLeastSquareEvaluator::evaluate_probed_plane(points, radii, normals, point, normal, residual);
+  if (status != 1) return status;
+  out.residual = residual;
+  // The normal keeps the side the probe came from: it says where the material is.
+  out.parameters["point"] = xyz(point);
+  out.parameters["normal"] = xyz(giVector3(normal));
+  // The centres lie on the normal's side (inside flag 1), one ball radius off the surface.
+  gfLeastSquareProbedPlane problem(points, radii, 1);
+  out.deviations = distances(problem, mlVector{normal.dot(point - giPoint3(0, 0, 0)), normal.x(), normal.y(), normal.z()});
   return status;
 }
 
 }  // namespace
 
 std::vector<Element> ellipse_probed_elements() {
-  Element probed_circle{"probed-circle", 2, 3,
-                        "circle touched by a probe ball: x y [r] per ball centre, or --radius R; --inside for a bore",
-                        {"--radius", "--inside"}, fit_probed_circle};
-  probed_circle.max_columns = 3;
-  Element probed_sphere{"probed-sphere", 3, 4, "sphere touched by a probe ball: x y z [r], or --radius R; --inside",
-                        {"--radius", "--inside"}, fit_probed_sphere};
-  probed_sphere.max_columns = 4;
-  Element probed_plane{"probed-plane", 3, 3,
-                       "plane touched by a probe ball: x y z [r], or --radius R; --normals FILE of approximate normals",
-                       {"--radius", "--normals"}, fit_probed_plane};
-  probed_plane.max_columns = 4;
+  std::vector<OptionSpec> plane_options = {{"--radius", "R", "probe ball radius of every point (else x y z r)"},
+                                           {"--normals", "FILE", "approximate normals, material to probe centre"}};
   return {
-      {"ellipse", 2, 5, "geometric least-squares ellipse (x y per point)", {}, fit_ellipse},
-      {"axisrev", 3, 6, "axis of a surface of revolution; --normals FILE (one surface normal per point)",
-       {"--normals"}, fit_axis_rev},
-      probed_circle,
-      probed_sphere,
-      probed_plane,
+      {"ellipse", 2, 5, "geometric least-squares ellipse (x y per point)", {}, fit_ellipse, 0, "data/ellipse.xy"},
+      {"axisrev", 3, 6, "axis of a surface of revolution, from one surface normal per point",
+       {{"--normals", "FILE", "one surface normal per point (or normals in the points' file)"}}, fit_axis_rev, 0,
+       "data/cylinder.xyz --normals data/cylinder-normals.xyz"},
+      {"probed-circle", 2, 3, "circle touched by a probe ball (x y [r] per ball centre)",
+       probe_options("the ball centres lie inside (a bore)"), fit_probed_circle, 3, "centres.xy --radius 1 --inside"},
+      {"probed-sphere", 3, 4, "sphere touched by a probe ball (x y z [r] per ball centre)",
+       probe_options("the ball centres lie inside (a hollow)"), fit_probed_sphere, 4, "data/probed-sphere.xyzr"},
+      {"probed-plane", 3, 3, "plane touched by a probe ball (x y z [r] per ball centre)", plane_options,
+       fit_probed_plane, 4, "centres.xyz --radius 1 --normals normals.xyz"},
   };
 }
 

@@ -1,7 +1,6 @@
 // `gfit form plane|line3|sphere|cylinder FILE`: the form error of the points by the least
 // squares and by the minimum zone, side by side, with the element of each and the contact
 // points of the zone.
-#include <fstream>
 #include <iostream>
 
 #include "tools/cli.h"
@@ -10,78 +9,69 @@ namespace gfit::cli {
 
 namespace {
 
-std::vector<double> xyz(giPoint3 const& p) { return {p.x(), p.y(), p.z()}; }
-std::vector<double> xyz(giUnitVec3 const& u) {
-  if (u.invalid()) return {};
-  return {u.x(), u.y(), u.z()};
-}
+Json direction(giUnitVec3 const& u) { return u.invalid() ? Json::array() : xyz(giVector3(u)); }
 
-std::vector<std::vector<double>> contact_points(giPoint3coDynArr const& points, intcoDynArr const& idx) {
-  std::vector<std::vector<double>> rows;
+Json contact_points(giPoint3coDynArr const& points, intcoDynArr const& idx) {
+  Json rows = Json::array();
   for (int i : idx) rows.push_back(xyz(points[i]));
   return rows;
 }
 
 }  // namespace
 
-int run_form(std::vector<std::string> const& args) {
-  static char const* const usage = "usage: gfit form plane|line3|sphere|cylinder FILE\n";
-  if (args.size() != 2) {
-    std::cerr << usage;
-    return 2;
-  }
-  std::string const& kind = args[0];
+int run_form(Command const& command) {
+  std::string const& kind = command.args[0];
   int (*fit)(giPoint3coDynArr const&, gfMinimumZone&) = nullptr;
   if (kind == "plane") fit = gfMinimumZoneFit::plane;
   if (kind == "line3") fit = gfMinimumZoneFit::line3;
   if (kind == "sphere") fit = gfMinimumZoneFit::sphere;
   if (kind == "cylinder") fit = gfMinimumZoneFit::cylinder;
   if (!fit) {
-    std::cerr << "gfit: form of '" << kind << "' is not available\n" << usage;
+    std::cerr << "gfit: form of '" << kind << "' is not available (plane, line3, sphere, cylinder)\n";
     return 2;
   }
-  std::ifstream file;
-  if (args[1] != "-") {
-    file.open(args[1]);
-    if (!file) {
-      std::cerr << "gfit: cannot read " << args[1] << "\n";
-      return 2;
-    }
-  }
-  std::istream& in = args[1] == "-" ? std::cin : file;
-  PointTable table;
+  Input input;
   std::string error;
-  if (!read_points(in, 3, table, error)) {
-    std::cerr << "gfit: " << args[1] << ", " << error << "\n";
+  if (!read_input(command.args[1], command.input, 3, 0, input, error)) {
+    std::cerr << "gfit: " << error << "\n";
     return 2;
   }
+  PointTable const& table = input.points;
   giPoint3coDynArr points = points3(table);
   gfMinimumZone zone;
   const int status = fit(points, zone);
-  JsonObject out;
-  out.add("form", kind).add("status", status);
+  Json out;
+  out["schema"] = kSchema;
+  out["element"] = kind;
+  out["status"] = status;
   if (status == gfMinimumZoneFit::refused) {
-    out.add("reason", gfLastReasonText()).add("points", table.rows());
-    std::cout << out.str() << "\n";
+    out["reason"] = gfLastReasonText();
+    out["points"] = table.rows();
+    std::cout << out.dump() << "\n";
     std::cerr << "gfit: the " << kind << " form was refused: " << gfLastReasonText() << "\n";
     return 1;
   }
   const bool radial = kind == "sphere" || kind == "cylinder";
-  out.add("least_squares_width", zone.least_squares_width)
-      .add("minimum_zone_width", zone.width)
-      .add("certified", zone.status == gfMinimumZoneFit::certified ? 1 : 0)
-      .add("certificate", zone.certificate)
-      .add("least_squares_point", xyz(zone.least_squares_point));
-  if (kind != "sphere") out.add(kind == "plane" ? "least_squares_normal" : "least_squares_direction",
-                                xyz(zone.least_squares_direction));
-  if (radial) out.add("least_squares_radius", zone.least_squares_radius);
-  out.add("minimum_zone_point", xyz(zone.point));
-  if (kind != "sphere") out.add(kind == "plane" ? "minimum_zone_normal" : "minimum_zone_direction", xyz(zone.direction));
-  if (radial) out.add("minimum_zone_radius", zone.radius);
-  out.add("outer_contacts", contact_points(points, zone.outer));
-  if (kind != "line3") out.add("inner_contacts", contact_points(points, zone.inner));
-  out.add("iterations", zone.iterations).add("points", table.rows());
-  std::cout << out.str() << "\n";
+  char const* axis_key = kind == "plane" ? "normal" : "axis";
+  // The same names as the fits' parameters, for each of the two elements.
+  auto element = [&](giPoint3 const& point, giUnitVec3 const& u, double radius) {
+    Json e;
+    e[kind == "sphere" ? "centre" : "point"] = xyz(point);
+    if (kind != "sphere") e[axis_key] = direction(u);
+    if (radial) e["radius"] = radius;
+    return e;
+  };
+  out["least_squares_width"] = zone.least_squares_width;
+  out["minimum_zone_width"] = zone.width;
+  out["certified"] = zone.status == gfMinimumZoneFit::certified ? 1 : 0;
+  out["certificate"] = zone.certificate;
+  out["least_squares"] = element(zone.least_squares_point, zone.least_squares_direction, zone.least_squares_radius);
+  out["minimum_zone"] = element(zone.point, zone.direction, zone.radius);
+  out["outer_contacts"] = contact_points(points, zone.outer);
+  if (kind != "line3") out["inner_contacts"] = contact_points(points, zone.inner);
+  out["iterations"] = zone.iterations;
+  out["points"] = table.rows();
+  std::cout << out.dump() << "\n";
   return 0;
 }
 
