@@ -16,6 +16,9 @@ PYTHON ?= $(shell [ -x /usr/bin/python3 ] && echo /usr/bin/python3 || echo pytho
 ASAN_BUILD_DIR ?= build-asan
 FUZZ_BUILD_DIR ?= build-fuzz
 FUZZ_SECONDS ?= 60
+# With FUZZ_RUNS set, each harness stops after that many executions instead (or at
+# FUZZ_SECONDS, whichever comes first): `make fuzz FUZZ_RUNS=1000000 FUZZ_SECONDS=0`.
+FUZZ_RUNS ?=
 # A fixed seed: a CI run explores the same inputs each time, so a finding is reproducible.
 FUZZ_SEED ?= 1
 FUZZERS ?= point_reader_fuzz fits_fuzz cad_reader_fuzz
@@ -93,7 +96,7 @@ fuzz: fuzz-build
 		seeds=fuzz/corpus/$${f%_fuzz}; [ $$f = cad_reader_fuzz ] && seeds="$$seeds test/data/malformed-step"; \
 		echo "== $$f for $(FUZZ_SECONDS) s"; \
 		$(SANITIZER_ENV) $(FUZZ_ASAN_OPTIONS) $(FUZZ_BUILD_DIR)/fuzz/$$f $(FUZZ_BUILD_DIR)/corpus/$$f $$seeds $$dict \
-			-max_total_time=$(FUZZ_SECONDS) -seed=$(FUZZ_SEED) -timeout=30 -rss_limit_mb=4096 -print_final_stats=1 \
+			-max_total_time=$(FUZZ_SECONDS) $(if $(FUZZ_RUNS),-runs=$(FUZZ_RUNS)) -seed=$(FUZZ_SEED) -timeout=30 -rss_limit_mb=4096 -print_final_stats=1 \
 			-artifact_prefix=$(FUZZ_BUILD_DIR)/artifacts/$$f- 2>$(FUZZ_BUILD_DIR)/$$f.log \
 			|| { tail -60 $(FUZZ_BUILD_DIR)/$$f.log; exit 1; }; \
 		grep -E "stat::number_of_executed_units|stat::peak_rss_mb" $(FUZZ_BUILD_DIR)/$$f.log; \

@@ -473,6 +473,7 @@ void fit_directions(std::vector<giUnitVec3> const& directions, std::vector<Torus
   starts.assign(count, TorusStart());
   ok.assign(count, 0);
   gfit::detail::parallel_for(count, static_cast<int>(fitters.size()), [&](int i, int worker) {
+    if (gfit::detail::cancelled()) return;  // the caller gives up on a cancelled scan
     ok[i] = fitters[worker].fit(directions[i], kScanIterations, nullptr, starts[i]);
   });
 }
