@@ -3,7 +3,6 @@
 #include <Eigen/Dense>
 #include <cmath>
 #include <cstdio>
-#include <string>
 
 #include "gfit/platform/report.h"
 
@@ -16,7 +15,8 @@ Vec2 v2(giPoint2 const& p) { return {p.x(), p.y()}; }
 Vec2 v2(giVector2 const& p) { return {p.x(), p.y()}; }
 double cross(Vec2 const& a, Vec2 const& b) { return a.x() * b.y() - a.y() * b.x(); }
 
-thread_local std::string refusal_text;
+// The refusal text: fixed storage, so a pointer a host kept never dangles.
+thread_local char refusal_text[160];
 }  // namespace
 
 gfPointsToLines::gfPointsToLines() : records_(0, 64) {}
@@ -79,19 +79,17 @@ int gfPointsToLines::single_linear_step(giXform2& step) {
     Eigen::SelfAdjointEigenSolver<Mat3> eig(h);
     if (!(eig.eigenvalues()(0) > TINY_DOUBLE * eig.eigenvalues()(2))) {
       Vec3 v = eig.eigenvectors().col(0);
-      char buf[160];
       double omega = v(0) / lever;
       if (std::fabs(v(0)) < 1e-6 * v.norm()) {
         Vec2 d = v.tail<2>().normalized();
         if (std::fabs(d.x()) > std::fabs(d.y()) ? d.x() < 0 : d.y() < 0) d = -d;
-        std::snprintf(buf, sizeof buf, "the lines leave free: translation along (%.6g, %.6g)", d.x() + 0.0, d.y() + 0.0);
+        std::snprintf(refusal_text, sizeof refusal_text, "the lines leave free: translation along (%.6g, %.6g)", d.x() + 0.0, d.y() + 0.0);
       } else {
         // The velocity omega perp(x - c) + t vanishes at c + perp(t) / omega.
         Vec2 p = c + Vec2(-v(2), v(1)) / omega;
-        std::snprintf(buf, sizeof buf, "the lines leave free: rotation about (%.6g, %.6g)", p.x() + 0.0, p.y() + 0.0);
+        std::snprintf(refusal_text, sizeof refusal_text, "the lines leave free: rotation about (%.6g, %.6g)", p.x() + 0.0, p.y() + 0.0);
       }
-      refusal_text = buf;
-      return refuse(gfReason::not_determined, refusal_text.c_str());
+      return refuse(gfReason::not_determined, refusal_text);
     }
   }
   Eigen::LDLT<Mat3> ldlt(h);

@@ -15,8 +15,8 @@
 // turning about a circle's centre) get the smallest movement. With lambda = 0 nothing is
 // added: a normal matrix with an eigenvalue below 1e-7 of its largest is refused with
 // gfReason::not_determined and the reason names the free motion ("translation along
-// (1, 0)", "rotation about (x, y)"), in storage of the calling thread valid until the next
-// such refusal.
+// (1, 0)", "rotation about (x, y)"), in fixed storage of the calling thread that the next
+// such refusal rewrites.
 //
 // The step is exactly rigid: the rotation by omega about c, then the translation t.
 // `single_linear_step` returns 0 with the step untouched when there is no record of

@@ -109,7 +109,8 @@ std::string name_free_motions(Eigen::MatrixXd const& free, Vec3 const& c) {
   return s;
 }
 
-thread_local std::string refusal_text;
+// The refusal text: fixed storage, so a pointer a host kept never dangles.
+thread_local char refusal_text[512];
 }  // namespace
 
 int gfRPSFitting(gfRPSDatacoDynArr const& data, giXform3& result, double& rms, double& max_deviation) {
@@ -158,8 +159,8 @@ int gfRPSFitting(gfRPSDatacoDynArr const& data, giXform3& result, double& rms, d
   if (n_free > 0) {
     Eigen::MatrixXd free = eig.eigenvectors().leftCols(n_free);
     free.topRows(3) /= lever;  // back to unscaled rotations
-    refusal_text = name_free_motions(free, c);
-    return refuse(gfReason::not_determined, refusal_text.c_str());
+    std::snprintf(refusal_text, sizeof refusal_text, "%s", name_free_motions(free, c).c_str());
+    return refuse(gfReason::not_determined, refusal_text);
   }
 
   // Gauss-Newton steps on the fixed planes.

@@ -22,8 +22,8 @@
 // gfReason::not_determined and the reason text names the free motions, in world coordinates:
 // the free translations first ("translation along (0, 1, 0)", "translations normal to
 // (0, 0, 1)", "all translations"), then each free rotation with its axis direction and a
-// point on the axis. That text lives in storage of the calling thread and stays valid until
-// the next RPS refusal on that thread.
+// point on the axis. That text lives in fixed storage of the calling thread: a kept pointer
+// stays valid, and the next such refusal on the thread rewrites it.
 //
 // Refusals (0, outputs untouched, reason recorded): no record, a non-finite or unset point,
 // a non-finite or negative weight, no locked axis of positive weight, a set that leaves a

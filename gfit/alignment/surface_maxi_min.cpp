@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <utility>
 #include <vector>
 
 #include "gfit/extremal/containment_cone.h"
@@ -11,12 +12,17 @@
 #include "gfit/platform/report.h"
 
 namespace {
+constexpr size_t working_chunk = 256;  // records added to the programme's working set at a time
+
 using Vec3 = Eigen::Vector3d;
 using Vec6 = Eigen::Matrix<double, 6, 1>;
 
 Vec3 v3(giPoint3 const& p) { return {p.x(), p.y(), p.z()}; }
 Vec3 v3(giUnitVec3 const& p) { return {p.x(), p.y(), p.z()}; }
-bool usable(gfProjectedPoint3 const& r) { return !r.invalid() && r.measured_point().finite() && r.nominal_point().finite(); }
+bool usable(gfProjectedPoint3 const& r) {
+  return !r.invalid() && r.measured_point().finite() && r.nominal_point().finite() && !r.nominal_normal().invalid() &&
+         std::isfinite(r.signed_distance());
+}
 
 struct Extremes {
   double lowest = DBL_MAX, highest = -DBL_MAX;
@@ -96,7 +102,9 @@ int gfSurfaceMaxiMinFit::fit(giXform3& result, double& min_deviation, double& ma
   const double extent = (hi - lo).norm();
 
   mlConstrainedQuadraticMinimiser qp;
-  std::vector<int> candidates;
+  std::vector<int> candidates, working;
+  std::vector<std::pair<double, int>> violated;
+  std::vector<char> in_working;
   std::vector<double> bound;
   double delta = -1.0;
   for (int iteration = 0; iteration < max_steps; ++iteration) {
@@ -129,33 +137,68 @@ int gfSurfaceMaxiMinFit::fit(giXform3& result, double& min_deviation, double& ma
     for (int i = 0; i < n; ++i)
       if (usable(cloud[i]) && cloud[i].signed_distance() - bound[i] <= ceiling) candidates.push_back(i);
 
-    // maximise dz = z - lowest: minimise -dz + eps/2 |(x, dz)|^2.
+    // maximise dz = z - lowest: minimise -dz + eps/2 |(x, dz)|^2. Constraint generation: the
+    // programme is solved on a working set (the records lowest within their bounds first)
+    // and every violated record joins it until none is left, which gives the optimum of
+    // the whole programme at the cost of a few small ones.
+    for (int i : candidates) bound[i] = cloud[i].signed_distance() - bound[i];  // now the lowest reach
+    auto lower_reach = [&](int a, int b) { return bound[a] < bound[b] || (bound[a] == bound[b] && a < b); };
+    const size_t first = std::min(candidates.size(), working_chunk);
+    if (first > 0) std::nth_element(candidates.begin(), candidates.begin() + (first - 1), candidates.end(), lower_reach);
+    std::sort(candidates.begin(), candidates.begin() + first, lower_reach);
     const int k = 7;
     const double eps = 1e-6 / delta;
     double h[k * k] = {};
     double g[k] = {0, 0, 0, 0, 0, 0, -1.0};
     for (int i = 0; i < k; ++i) h[i * k + i] = eps;
-    qp.reserve(k, static_cast<int>(candidates.size()) + 12);
-    qp.set_problem(k, h, g);
-    for (int i : candidates) {
+    auto row_of = [&](int i, double (&row)[k]) {
       gfProjectedPoint3 const& r = cloud[i];
       Vec3 nrm = v3(r.nominal_normal()), arm = v3(r.measured_point()) - c;
       Vec3 rot = arm.cross(nrm) / lever;
-      double row[k] = {rot.x(), rot.y(), rot.z(), nrm.x(), nrm.y(), nrm.z(), -1.0};
-      qp.add_inequality(row, now.lowest - r.signed_distance(), i);
-    }
-    for (int u = 0; u < 6; ++u) {
-      double row[k] = {};
-      row[u] = 1.0;
-      qp.add_inequality(row, -delta, -1 - 2 * u);
-      row[u] = -1.0;
-      qp.add_inequality(row, -delta, -2 - 2 * u);
-    }
+      double const values[k] = {rot.x(), rot.y(), rot.z(), nrm.x(), nrm.y(), nrm.z(), -1.0};
+      std::copy(values, values + k, row);
+    };
+    working.assign(candidates.begin(), candidates.begin() + first);
+    in_working.assign(n, 0);
+    for (int i : working) in_working[i] = 1;
     double y[k];
-    auto status = qp.solve(y);
+    for (;;) {
+      qp.reserve(k, static_cast<int>(working.size()) + 12);
+      qp.set_problem(k, h, g);
+      double row[k];
+      for (int i : working) {
+        row_of(i, row);
+        qp.add_inequality(row, now.lowest - cloud[i].signed_distance(), i);
+      }
+      for (int u = 0; u < 6; ++u) {
+        std::fill(row, row + k, 0.0);
+        row[u] = 1.0;
+        qp.add_inequality(row, -delta, -1 - 2 * u);
+        row[u] = -1.0;
+        qp.add_inequality(row, -delta, -2 - 2 * u);
+      }
+      auto status = qp.solve(y);
+      if (status != mlConstrainedQuadraticMinimiser::ok)
+        return refuse(gfReason::no_convergence, "the linear programme of a maxi-min step failed");
+      // Records outside the working set that the solution violates, most violated first.
+      violated.clear();
+      for (int i : candidates) {
+        if (in_working[i]) continue;
+        row_of(i, row);
+        double lhs = 0.0;
+        for (int j = 0; j < k; ++j) lhs += row[j] * y[j];
+        double excess = lhs - (now.lowest - cloud[i].signed_distance());
+        if (excess < -1e-12 * (1.0 + std::fabs(now.lowest))) violated.emplace_back(excess, i);
+      }
+      if (violated.empty()) break;
+      size_t take = std::min<size_t>(violated.size(), working_chunk);
+      std::partial_sort(violated.begin(), violated.begin() + take, violated.end());
+      for (size_t j = 0; j < take; ++j) {
+        working.push_back(violated[j].second);
+        in_working[violated[j].second] = 1;
+      }
+    }
     ++steps_taken_;
-    if (status != mlConstrainedQuadraticMinimiser::ok)
-      return refuse(gfReason::no_convergence, "the linear programme of a maxi-min step failed");
     if (!(y[6] > 1e-12 * extent)) break;  // no first-order gain left
 
     Vec6 step;
