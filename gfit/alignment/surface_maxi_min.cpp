@@ -199,7 +199,7 @@ int gfSurfaceMaxiMinFit::fit(giXform3& result, double& min_deviation, double& ma
       }
     }
     ++steps_taken_;
-    if (!(y[6] > 1e-12 * extent)) break;  // no first-order gain left
+    if (!(y[6] > 1e-14 * extent)) break;  // no first-order gain left
 
     Vec6 step;
     step << y[0], y[1], y[2], y[3], y[4], y[5];

@@ -20,11 +20,14 @@
 // counted from the current smallest deviation and a strictly convex term 1e-6 / (2 Delta)
 // |(x, z)|^2 that leaves a unique vertex unchanged and picks the smallest motion when the
 // optimum is not unique (a sphere leaves every rotation free). Only records that can become
-// the smallest within the trust region enter the programme. The step (exactly rigid) is
+// the smallest within the trust region are candidates, and the programme is solved by
+// constraint generation: first on the 256 candidates of lowest reach, then with the most
+// violated of the others added, 256 at a time, until none is violated; so a dense scan costs
+// a few small programmes and one pass over the points per programme. The step (exactly rigid) is
 // taken and the points re-projected; it is kept when the true smallest deviation increased
 // (and no valid record was lost), Delta doubling when the step reached the trust region's
 // edge; otherwise it is undone and Delta quartered. The fit stops when the programme
-// predicts no gain above 1e-12 of the points' extent R, when Delta < 1e-9 R, or after 50
+// predicts no gain above 1e-14 of the points' extent R, when Delta < 1e-9 R, or after 50
 // programmes. Delta starts at l / 10. Kept steps never decrease the smallest deviation.
 //
 // Refusals (0, outputs untouched, reason recorded): no projector, a missing point, fewer than
