@@ -89,4 +89,9 @@ int run_align(std::vector<std::string> const& args);
 // the second (gfPointsAffineMatch), as JSON.
 int run_affine(std::vector<std::string> const& args);
 
+// `gfit align --rps FILE` and `gfit align --affine PAIRS` (tools/alignments2.cpp); `gfit
+// allowance --cad PART POINTS`: the maxi-min placement (gfit::cad only).
+int run_alignments2(std::vector<std::string> const& args);
+int run_allowance(std::vector<std::string> const& args);
+
 }  // namespace gfit::cli

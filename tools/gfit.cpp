@@ -142,6 +142,11 @@ void usage(std::ostream& os) {
         "                                          align the points to a CAD part and report deviations\n"
 #endif
         "       gfit affine PAIRS                  affine map taking x y [z] onto x' y' [z'] (one pair per line)\n"
+        "       gfit align --rps FILE | --affine PAIRS\n"
+        "                                          RPS (3-2-1) alignment: mx my mz qx qy qz lx ly lz [w] per line\n"
+#ifdef GFIT_CLI_CAD
+        "       gfit allowance --cad PART.step POINTS  placement with the largest uniform allowance\n"
+#endif
         "Points: one per line, coordinates separated by spaces or commas, '#' starts a comment.\n";
 }
 
@@ -224,6 +229,11 @@ int main(int argc, char** argv) {
   if (args[0] == "fit") return run_fit(std::vector<std::string>(args.begin() + 1, args.end()));
   if (args[0] == "affine") return run_affine(std::vector<std::string>(args.begin() + 1, args.end()));
   if (args[0] == "form") return run_form(std::vector<std::string>(args.begin() + 1, args.end()));
+  if (args[0] == "align" && args.size() > 1 && (args[1] == "--rps" || args[1] == "--affine"))
+    return run_alignments2(std::vector<std::string>(args.begin() + 1, args.end()));
+#ifdef GFIT_CLI_CAD
+  if (args[0] == "allowance") return run_allowance(std::vector<std::string>(args.begin() + 1, args.end()));
+#endif
 #ifdef GFIT_CLI_CAD
   if (args[0] == "deviations") return run_deviations(std::vector<std::string>(args.begin() + 1, args.end()));
   if (args[0] == "align") return run_align(std::vector<std::string>(args.begin() + 1, args.end()));
