@@ -9,7 +9,7 @@
 
 #include <sanitizer/lsan_interface.h>
 
-#include "gfit/platform/surface.h"
+#include "gfit/cad/surface.h"
 
 namespace {
 

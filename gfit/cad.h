@@ -2,7 +2,7 @@
 // Link gfit::cad to use these; gfit/gfit.h is the rest of the library.
 #pragma once
 
-#include "gfit/alignment/scaled_alignment.h"
-#include "gfit/fitpoints/surface_projector.h"
+#include "gfit/cad/scaled_alignment.h"
+#include "gfit/cad/surface_projector.h"
 #include "gfit/gfit.h"
-#include "gfit/platform/surface.h"
+#include "gfit/cad/surface.h"

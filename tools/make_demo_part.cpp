@@ -8,8 +8,7 @@
 #include <fstream>
 #include <iostream>
 
-#include "test/support/cad_shapes.h"
-#include "test/support/samplers.h"
+#include "tools/demo_part.h"
 
 int main(int argc, char** argv) {
   if (argc != 2) {
@@ -17,7 +16,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::string dir = argv[1];
-  tskSurfPtr part = gfit::testing::demo_bracket();
+  tskSurfPtr part = gfit::demo::bracket();
   std::string error;
   if (!part || !part->write(dir + "/bracket.step", error)) {
     std::cerr << "gfit_make_demo_part: " << (part ? error : "cannot make the bracket") << "\n";
@@ -26,7 +25,7 @@ int main(int argc, char** argv) {
   std::ofstream out(dir + "/bracket.xyz");
   out << "# Points measured on data/bracket.step (x y z, mm): 5 um noise, top face 0.02 mm high,\n"
          "# and the last two beyond the sharp bottom edges. Written by tools/make_demo_part.cpp.\n";
-  gfit::testing::Rng rng(2024);
+  gfit::demo::Noise rng(2024);
   giBox3 box = part->box();
   tskSurfPointList feet;
   char line[128];

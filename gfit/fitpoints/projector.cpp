@@ -26,3 +26,23 @@ gfProjectorForFitting3coPrf gfObjectForFitting::create_projector() {
 }
 
 void gfObjectForFitting::transform(giXform3 const&) {}
+
+double get_maximum_movement(gfProjectedPoint2coDynArr const& points, giXform2 const& xform) {
+  double largest = 0.0;
+  for (gfProjectedPoint2 const& p : points) {
+    if (p.invalid()) continue;
+    double d = p.measured_point().distance(xform.transform(p.measured_point()));
+    if (d > largest) largest = d;
+  }
+  return largest;
+}
+
+double get_maximum_movement(gfProjectedPoint3coDynArr const& points, giXform3 const& xform) {
+  double largest = 0.0;
+  for (gfProjectedPoint3 const& p : points) {
+    if (p.invalid()) continue;
+    double d = p.measured_point().distance(xform.transform(p.measured_point()));
+    if (d > largest) largest = d;
+  }
+  return largest;
+}

@@ -4,7 +4,7 @@
 // object (`gfObjectForFitting`) owns the nominal geometry, can be copied and transformed, and
 // hands out projectors for itself. The base classes are the empty nominal object: its
 // projector leaves every record as it was. The CAD-surface case (gfSurfaceForFitting and its
-// projector) lives in fitpoints/surface_projector.h, in the gfit::cad library.
+// projector) lives in cad/surface_projector.h, in the gfit::cad library.
 #pragma once
 
 #include <functional>
@@ -49,3 +49,8 @@ class GFIT_EXPORT gfObjectForFitting {
   virtual void transform(giXform3 const& xform);
   virtual ~gfObjectForFitting();
 };
+
+// The largest distance by which `xform` moves the measured point of a valid record; invalid
+// records are skipped; 0 for none. The alignment loops stop when it falls below their tolerance.
+GFIT_EXPORT double get_maximum_movement(gfProjectedPoint2coDynArr const& points, giXform2 const& xform);
+GFIT_EXPORT double get_maximum_movement(gfProjectedPoint3coDynArr const& points, giXform3 const& xform);

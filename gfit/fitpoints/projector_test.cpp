@@ -1,6 +1,7 @@
 // Batch projection and the double dispatch between fit points and projectors.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <functional>
 #include <vector>
 
@@ -77,6 +78,24 @@ TEST(ObjectForFitting, TheEmptyObjectLeavesRecordsAlone) {
   point.project_from_position(giXform3(giXformIdentity{}), record, &plain);
   point.project_from_position(giXform3(giXformIdentity{}), record, nullptr);
   EXPECT_EQ(record.nominal_point(), giPoint3(7, 7, 6));
+}
+
+TEST(ProjectedRecords, MaximumMovementSkipsInvalidRecords) {
+  gfProjectedPoint3coDynArr records;
+  EXPECT_EQ(get_maximum_movement(records, giXform3(giXformTranslate{}, giVector3(1, 1, 1))), 0.0);
+  records.append(gfProjectedPoint3(giPoint3(0, 0, 0), giPoint3(0, 0, 1), giUnitVec3(0, 0, 1)));
+  records.append(gfProjectedPoint3(giPoint3(5, 0, 0), giPoint3(5, 0, 1), giUnitVec3(0, 0, 1)));
+  gfProjectedPoint3 invalid(giPoint3(1e6, 0, 0), giPoint3(0, 0, 0), giUnitVec3(0, 0, 1));
+  invalid.set_invalid();
+  records.append(invalid);
+  records.append(gfProjectedPoint3());
+  EXPECT_EQ(get_maximum_movement(records, giXform3(giXformIdentity{})), 0.0);
+  giXform3 turn(giXformRotate{}, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), giAngle(giPi / 2));
+  EXPECT_NEAR(get_maximum_movement(records, turn), 5.0 * std::sqrt(2.0), 1e-13);
+
+  gfProjectedPoint2coDynArr flat{gfProjectedPoint2(giPoint2(3, 4), giPoint2(3, 4), giUnitVec2(0, 1)),
+                                 gfProjectedPoint2()};
+  EXPECT_NEAR(get_maximum_movement(flat, giXform2(giXformTranslate{}, giVector2(0, 2))), 2.0, 0.0);
 }
 
 }  // namespace

@@ -8,7 +8,9 @@
 #include "gfit/leastsquares/circle.h"
 #include "gfit/leastsquares/cone.h"
 #include "gfit/leastsquares/cylinder.h"
+#include "gfit/leastsquares/ellipse.h"
 #include "gfit/leastsquares/sphere.h"
+#include "gfit/leastsquares/torus.h"
 #include "gfit/platform/qr_accumulator.h"
 #include "gfit/platform/report.h"
 
@@ -114,6 +116,24 @@ int axis_element(mlDistanceLeastSquares& problem, mlVector const& params, Matrix
   store(t * cov * t.transpose(), u.parameters);
   out = u;
   return succeed();
+}
+
+// The position figures of a centre that moves in all three frame directions: the first
+// three independent quantities, along (e1, e2, u).
+void position3_from(MatrixXd const& cov, Frame const& f, gfElementUncertainty& out) {
+  Eigen::Matrix3d e;
+  e << f.e1, f.e2, f.u;
+  position_from(e * cov.topLeftCorner(3, 3) * e.transpose(), out);
+}
+
+// The centre shifts (3), the two tilts and then `extra` scalars, onto a problem vector of
+// (centre, direction, scalars...).
+MatrixXd centre_axis_map(Frame const& f, int extra) {
+  MatrixXd t = MatrixXd::Zero(6 + extra, 5 + extra);
+  t.block<3, 1>(0, 0) = f.e1, t.block<3, 1>(0, 1) = f.e2, t.block<3, 1>(0, 2) = f.u;
+  t.block<3, 1>(3, 3) = f.e1, t.block<3, 1>(3, 4) = f.e2;
+  for (int j = 0; j < extra; ++j) t(6 + j, 5 + j) = 1.0;
+  return t;
 }
 
 bool finite(giPoint3coDynArr const& points) {
@@ -305,6 +325,171 @@ int gfLeastSquareUncertainty::line3(giPoint3coDynArr const& points, giPoint3 con
   t.block<3, 1>(0, 0) = f.e1, t.block<3, 1>(0, 1) = f.e2, t.block<3, 1>(3, 2) = f.e1, t.block<3, 1>(3, 3) = f.e2;
   store(cov, u.independent);
   store(t * cov * t.transpose(), u.parameters);
+  out = u;
+  return succeed();
+}
+
+int gfLeastSquareUncertainty::circle3(giPoint3coDynArr const& points, giPoint3 const& centre,
+                                      giUnitVec3 const& normal, double radius, gfElementUncertainty& out) {
+  const int n = points.count();
+  if (n < 4) return refuse(gfReason::too_few_points, "too few points for the uncertainty");
+  if (!finite(points) || !centre.finite() || !std::isfinite(radius))
+    return refuse(gfReason::non_finite_input, "a coordinate is not finite");
+  if (normal.invalid()) return refuse(gfReason::invalid_argument, "the normal is unset");
+  const Vector3d c = vec(centre);
+  Frame f = make_frame(c, vec(normal), c);
+  // Two residuals per point, in the frame (x, y, z) of Q - C: the radial e = G - r with
+  // G = |(x, y)| and the height F = z. Under a shift (dx, dy, dz) of the centre, tilts (a, b)
+  // of the normal towards e1, e2 and a change dr of the radius, to first order
+  //   dF = -dz + a x + b y,   dG = -(x dx + y dy + z (a x + b y)) / G,   de = dG - dr.
+  // A point on the axis (G = 0) has no radial direction: its radial row is left out.
+  TriangularAccumulator acc(6);
+  double ss = 0.0, row[6];
+  int rows = 0;
+  for (giPoint3 const& p : points) {
+    const Vector3d v = vec(p) - c;
+    const double x = v.dot(f.e1), y = v.dot(f.e2), z = v.dot(f.u), g = std::hypot(x, y);
+    ss += (g - radius) * (g - radius) + z * z;
+    row[0] = 0.0, row[1] = 0.0, row[2] = -1.0, row[3] = x, row[4] = y, row[5] = 0.0;
+    acc.add_row(row), ++rows;
+    if (g > 0.0) {
+      row[0] = -x / g, row[1] = -y / g, row[2] = 0.0, row[3] = -z * x / g, row[4] = -z * y / g, row[5] = -1.0;
+      acc.add_row(row), ++rows;
+    }
+  }
+  acc.flush();
+  MatrixXd r = MatrixXd::Zero(6, 6);
+  for (int i = 0; i < 6; ++i)
+    for (int j = i; j < 6; ++j) r(i, j) = acc.r(i, j);
+  double s2 = 0.0;
+  MatrixXd cov;
+  if (!std::isfinite(ss) || rows <= 6 || !covariance_from_factor(r, ss, rows - 6, cov, s2))
+    return refuse(gfReason::not_determined, "the points do not determine the circle");
+  gfElementUncertainty u;
+  u.sigma = std::sqrt(s2);
+  u.degrees_of_freedom = rows - 6;
+  position3_from(cov, f, u);
+  u.axis_angle = std::sqrt(std::max(0.0, cov(3, 3) + cov(4, 4)));
+  u.radius = std::sqrt(std::max(0.0, cov(5, 5)));
+  u.diameter = 2.0 * u.radius;
+  u.axis_point = centre;
+  const MatrixXd t = centre_axis_map(f, 1);  // -> (centre, normal, r)
+  store(cov, u.independent);
+  store(t * cov * t.transpose(), u.parameters);
+  out = u;
+  return succeed();
+}
+
+int gfLeastSquareUncertainty::torus(giPoint3coDynArr const& points, giPoint3 const& centre, giUnitVec3 const& axis,
+                                    double r1, double r2, gfElementUncertainty& out) {
+  const int n = points.count();
+  if (n < 8) return refuse(gfReason::too_few_points, "too few points for the uncertainty");
+  if (!finite(points) || !centre.finite() || !std::isfinite(r1) || !std::isfinite(r2))
+    return refuse(gfReason::non_finite_input, "a coordinate is not finite");
+  if (axis.invalid()) return refuse(gfReason::invalid_argument, "the axis direction is unset");
+  const Vector3d c = vec(centre);
+  Frame f = make_frame(c, vec(axis), c);
+  // The problem measured from the centre itself, so that its Jacobian keeps the torus's digits
+  // however far the points lie from the coordinate origin.
+  gfLeastSquareTorus problem(points, centre);
+  mlVector params(8);
+  for (int j = 0; j < 3; ++j) params[j] = 0.0, params[3 + j] = f.u[j];
+  params[6] = r1, params[7] = r2;
+  const MatrixXd t = centre_axis_map(f, 2);  // (cx, cy, cz, a, b, r1, r2) -> (C, u, r1, r2)
+  double ss = 0.0, s2 = 0.0;
+  MatrixXd r = problem_factor(problem, params, ss);
+  MatrixXd cov;
+  if (!std::isfinite(ss) || !covariance_from_factor(r * t, ss, n - 7, cov, s2))
+    return refuse(gfReason::not_determined, "the points do not determine the torus");
+  gfElementUncertainty u;
+  u.sigma = std::sqrt(s2);
+  u.degrees_of_freedom = n - 7;
+  position3_from(cov, f, u);
+  u.axis_angle = std::sqrt(std::max(0.0, cov(3, 3) + cov(4, 4)));
+  u.radius = std::sqrt(std::max(0.0, cov(5, 5)));
+  u.diameter = 2.0 * u.radius;
+  u.second_radius = std::sqrt(std::max(0.0, cov(6, 6)));
+  u.axis_point = centre;
+  store(cov, u.independent);
+  store(t * cov * t.transpose(), u.parameters);
+  out = u;
+  return succeed();
+}
+
+int gfLeastSquareUncertainty::line(giPoint2coDynArr const& points, giPoint2 const& point,
+                                   giUnitVec2 const& direction, gfElementUncertainty& out) {
+  const int n = points.count();
+  if (n < 3) return refuse(gfReason::too_few_points, "too few points for the uncertainty");
+  for (giPoint2 const& p : points)
+    if (!p.finite()) return refuse(gfReason::non_finite_input, "a coordinate is not finite");
+  if (!point.finite()) return refuse(gfReason::non_finite_input, "the line is not finite");
+  if (direction.invalid()) return refuse(gfReason::invalid_argument, "the direction is unset");
+  // Frame: origin at the foot of the centroid, d along the line, m = d rotated a quarter
+  // turn (the side the line's signed distance counts positive). d_i = (q_i - O).m - h - a t_i.
+  const double dx = direction.x(), dy = direction.y(), mx = -dy, my = dx;
+  double cx = 0.0, cy = 0.0;
+  for (giPoint2 const& p : points) cx += p.x() - point.x(), cy += p.y() - point.y();
+  const double along = (cx * dx + cy * dy) / n;
+  const double ox = point.x() + along * dx, oy = point.y() + along * dy;
+  TriangularAccumulator acc(2);
+  double ss = 0.0, row[2];
+  for (giPoint2 const& p : points) {
+    const double vx = p.x() - ox, vy = p.y() - oy, h = vx * mx + vy * my;
+    ss += h * h;
+    row[0] = -1.0, row[1] = -(vx * dx + vy * dy);
+    acc.add_row(row);
+  }
+  acc.flush();
+  MatrixXd r = MatrixXd::Zero(2, 2);
+  r(0, 0) = acc.r(0, 0), r(0, 1) = acc.r(0, 1), r(1, 1) = acc.r(1, 1);
+  double s2 = 0.0;
+  MatrixXd cov;
+  if (!std::isfinite(ss) || !covariance_from_factor(r, ss, n - 2, cov, s2))
+    return refuse(gfReason::not_determined, "the points do not determine the line");
+  gfElementUncertainty u;
+  u.sigma = std::sqrt(s2);
+  u.degrees_of_freedom = n - 2;
+  u.offset = std::sqrt(std::max(0.0, cov(0, 0)));
+  u.position[0] = std::fabs(mx) * u.offset, u.position[1] = std::fabs(my) * u.offset;
+  u.axis_angle = std::sqrt(std::max(0.0, cov(1, 1)));
+  u.axis_point = giPoint3(ox, oy, 0.0);
+  MatrixXd t = MatrixXd::Zero(4, 2);  // (h, a) -> (point, direction)
+  t(0, 0) = mx, t(1, 0) = my, t(2, 1) = mx, t(3, 1) = my;
+  store(cov, u.independent);
+  store(t * cov * t.transpose(), u.parameters);
+  out = u;
+  return succeed();
+}
+
+int gfLeastSquareUncertainty::ellipse(giPoint2coDynArr const& points, giPoint2 const& centre, double a, double b,
+                                      double angle, gfElementUncertainty& out) {
+  const int n = points.count();
+  if (n < 6) return refuse(gfReason::too_few_points, "too few points for the uncertainty");
+  for (giPoint2 const& p : points)
+    if (!p.finite()) return refuse(gfReason::non_finite_input, "a coordinate is not finite");
+  if (!centre.finite() || !std::isfinite(a) || !std::isfinite(b) || !std::isfinite(angle))
+    return refuse(gfReason::non_finite_input, "the ellipse is not finite");
+  // The problem's parameters are all independent, except for a circle, whose angle the data
+  // do not fix: the rank test below refuses it.
+  gfLeastSquareEllipse problem(points);
+  mlVector params(5);
+  params[0] = a, params[1] = b, params[2] = centre.x(), params[3] = centre.y(), params[4] = angle;
+  double ss = 0.0, s2 = 0.0;
+  MatrixXd cov;
+  MatrixXd r = problem_factor(problem, params, ss);
+  if (!std::isfinite(ss) || !covariance_from_factor(r, ss, n - 5, cov, s2))
+    return refuse(gfReason::not_determined, "the points do not determine the ellipse");
+  gfElementUncertainty u;
+  u.sigma = std::sqrt(s2);
+  u.degrees_of_freedom = n - 5;
+  u.position[0] = std::sqrt(std::max(0.0, cov(2, 2))), u.position[1] = std::sqrt(std::max(0.0, cov(3, 3)));
+  u.radius = std::sqrt(std::max(0.0, cov(0, 0)));
+  u.diameter = 2.0 * u.radius;
+  u.second_radius = std::sqrt(std::max(0.0, cov(1, 1)));
+  u.axis_angle = std::sqrt(std::max(0.0, cov(4, 4)));
+  u.axis_point = giPoint3(centre.x(), centre.y(), 0.0);
+  store(cov, u.independent);
+  store(cov, u.parameters);
   out = u;
   return succeed();
 }

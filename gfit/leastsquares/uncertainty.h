@@ -14,6 +14,10 @@
 //   plane    (h, a, b): offset along the normal, tilts of the normal towards e1 and e2
 //   line3    (x0, y0, a, b): axis point shifts along e1, e2, tilts of the axis
 //   cylinder (x0, y0, a, b, r)              cone     (x0, y0, a, b, r0, theta)
+//   circle in space (cx, cy, cz, a, b, r)  in the frame of its normal, origin at its centre
+//   torus    (cx, cy, cz, a, b, r1, r2)    the same; the centre is a real point of a torus
+//   line     (h, a): the plane's figures for a line in the plane
+//   ellipse  (a, b, cx, cy, theta)          its problem's own parameters, all independent
 // where r0 is the cone's radius in the plane through the axis point across the axis. That
 // covariance (`independent`) is mapped back to the problem's own parameter vector
 // (`parameters`: the circle's, sphere's, cylinder's (A, u, r) and cone's (A, u, d, theta) of
@@ -22,7 +26,9 @@
 // directions (the point sliding along the axis, the length of the direction).
 //
 // The line in space has two residual components per point (across the line), so n - k
-// counts 2n - 4 there.
+// counts 2n - 4 there. So has the circle in space (radial in its plane, and the height off
+// it: the circle's distance is the root of their squares, which has no derivative on the
+// circle), so 2n - 6 there; the figures assume the same scatter in both components.
 #pragma once
 
 #include "gfit/gfit_export.h"
@@ -40,7 +46,9 @@ class GFIT_EXPORT gfElementUncertainty {
   double axis_angle = 0.0;   // radians: the angle between the fitted and the true axis/normal
                              // (root of the sum of the two tilt variances)
   double half_angle = 0.0;   // cone, radians
-  double offset = 0.0;       // plane: along its normal
+  double offset = 0.0;       // plane, line in the plane: along its normal
+  double second_radius = 0.0;  // torus: the tube radius r2 (`radius` is r1); ellipse: the
+                               // semi-axis b (`radius` is a, `axis_angle` the angle theta)
   giPoint3 axis_point;       // where the position figures are taken (circle: z = 0)
   mlMatrix independent;      // covariance of the independent quantities listed above
   mlMatrix parameters;       // the same mapped onto the problem's parameter vector
@@ -64,4 +72,16 @@ class GFIT_EXPORT gfLeastSquareUncertainty {
   // The cone as the evaluator returns it: apex, unit axis towards the apex, half-angle.
   static int cone(giPoint3coDynArr const& points, giPoint3 const& apex, giUnitVec3 const& axis, double half_angle,
                   gfElementUncertainty& out);
+  // The circle in space: centre, unit normal, radius.
+  static int circle3(giPoint3coDynArr const& points, giPoint3 const& centre, giUnitVec3 const& normal, double radius,
+                     gfElementUncertainty& out);
+  // The torus: centre, unit axis, ring radius r1, tube radius r2.
+  static int torus(giPoint3coDynArr const& points, giPoint3 const& centre, giUnitVec3 const& axis, double r1,
+                   double r2, gfElementUncertainty& out);
+  // The line in the plane: a point and the unit direction.
+  static int line(giPoint2coDynArr const& points, giPoint2 const& point, giUnitVec2 const& direction,
+                  gfElementUncertainty& out);
+  // The ellipse in the plane: centre, semi-axes a and b, angle of the a-axis (radians).
+  static int ellipse(giPoint2coDynArr const& points, giPoint2 const& centre, double a, double b, double angle,
+                     gfElementUncertainty& out);
 };

@@ -12,10 +12,11 @@ namespace {
 using gfit::testing::Rng;
 constexpr double kPi = 3.14159265358979323846;
 
-enum class Kind { circle, sphere, cylinder, cone };
+enum class Kind { circle, sphere, cylinder, cone, circle3, torus, ellipse };
 
 // One repeat: the fitted radius and axis point (x, y) where the fitted axis meets the plane
-// z = z_ref (the true axis is along z), and the reported standard uncertainties.
+// z = z_ref (the true axis is along z), and the reported standard uncertainties. The torus
+// puts its tube radius in place of y, the ellipse its centre's x and semi-axis b in (x, y).
 struct Repeat {
   double r, x, y;
   double ur, ux, uy;
@@ -78,6 +79,51 @@ Repeat one_repeat(Kind kind, Rng& rng, giPoint3 const& c, double sigma) {
              u.position[0], u.position[1]};
       break;
     }
+    case Kind::circle3: {
+      // A tilted circle, noise in all three coordinates (the same scatter across and along
+      // the circle's plane).
+      const giUnitVec3 n(0.3, -0.2, 1.0);
+      const giVector3 e1 = n.any_normal(), e2 = n.cross(e1);
+      giPoint3coDynArr pts;
+      for (int i = 0; i < 40; ++i) {
+        const double a = 0.2 + 4.0 * i / 40;
+        pts.append(c + 5.0 * (std::cos(a) * e1 + std::sin(a) * e2) +
+                   giVector3(sigma * rng.normal(), sigma * rng.normal(), sigma * rng.normal()));
+      }
+      giPoint3 centre;
+      giUnitVec3 normal;
+      double radius, rms;
+      EXPECT_EQ(gfLeastSquareEvaluator::evaluate_circle3(pts, centre, normal, radius, rms), 1);
+      EXPECT_EQ(gfLeastSquareUncertainty::circle3(pts, centre, normal, radius, u), 1);
+      out = {radius, centre.x(), centre.y(), u.radius, u.position[0], u.position[1]};
+      break;
+    }
+    case Kind::torus: {
+      const giUnitVec3 axis(0.1, 0.2, 1.0);
+      giPoint3coDynArr pts = gfit::testing::sample_torus(rng, c, axis, 6.0, 1.5, 0, 5.0, -2.0, 4.0, 80, sigma);
+      gfLeastSquareTorus problem(pts, c);
+      mlLevenbergMarquardt lm(problem);
+      mlVector start(8), p(8);
+      start[3] = axis.x(), start[4] = axis.y(), start[5] = axis.z(), start[6] = 6.0, start[7] = 1.5;
+      lm.fit(start, p);
+      const giPoint3 centre = c + giVector3(p[0], p[1], p[2]);
+      const double r1 = p[6], r2 = p[7];
+      EXPECT_EQ(gfLeastSquareUncertainty::torus(pts, centre, giUnitVec3(p[3], p[4], p[5]), r1, r2, u), 1);
+      out = {r1, centre.x(), r2, u.radius, u.position[0], u.second_radius};
+      break;
+    }
+    case Kind::ellipse: {
+      giPoint2coDynArr pts =
+          gfit::testing::sample_ellipse2(&rng, giPoint2(c.x(), c.y()), 6.0, 3.5, 0.6, 0.3, 5.0, 50, sigma);
+      gfLeastSquareEllipse problem(pts);
+      mlLevenbergMarquardt lm(problem);
+      mlVector start(5), p(5);
+      start[0] = 6.0, start[1] = 3.5, start[2] = c.x(), start[3] = c.y(), start[4] = 0.6;
+      lm.fit(start, p);
+      EXPECT_EQ(gfLeastSquareUncertainty::ellipse(pts, giPoint2(p[2], p[3]), p[0], p[1], p[4], u), 1);
+      out = {p[0], p[2], p[1], u.radius, u.position[0], u.second_radius};
+      break;
+    }
   }
   return out;
 }
@@ -93,6 +139,9 @@ TEST(LeastSquareUncertainty, ReportedUncertaintyMatchesScatterOverRepeats) {
       {Kind::sphere, {-400, 100, 250}, 0.005},
       {Kind::cylinder, {500, -300, 200}, 0.01},
       {Kind::cone, {0, 0, 0}, 0.01},
+      {Kind::circle3, {-250, 40, 600}, 0.01},
+      {Kind::torus, {120, -80, 300}, 0.01},
+      {Kind::ellipse, {700, 350, 0}, 0.01},
   };
   for (Case const& c : cases) {
     Rng rng(21);
@@ -157,6 +206,18 @@ TEST(LeastSquareUncertainty, PlaneAndLineMatchTheirClosedForms) {
   ASSERT_EQ(gfLeastSquareUncertainty::line3(line, p, d, ul), 1);
   EXPECT_NEAR(ul.axis_angle, ul.sigma * std::sqrt(2.0 / stt), 1e-3 * ul.axis_angle);
   EXPECT_NEAR(ul.sigma / sigma, 1.0, 0.1);
+  // The line in the plane: the tilt of a regression line, and its offset at the centroid.
+  giPoint2coDynArr line2;
+  for (int i = -50; i <= 50; ++i) line2.append(giPoint2(300 + 0.1 * i, -40 + sigma * rng.normal()));
+  giPoint2 p2;
+  giUnitVec2 d2;
+  gfElementUncertainty u2;
+  ASSERT_EQ(gfLeastSquareEvaluator::evaluate_line(line2, p2, d2, rms), 1);
+  ASSERT_EQ(gfLeastSquareUncertainty::line(line2, p2, d2, u2), 1);
+  EXPECT_NEAR(u2.axis_angle, u2.sigma / std::sqrt(stt), 1e-6 * u2.axis_angle);
+  EXPECT_NEAR(u2.offset, u2.sigma / std::sqrt(101.0), 1e-9);
+  EXPECT_NEAR(u2.position[1], u2.offset, 1e-6 * u2.offset);
+  EXPECT_EQ(u2.degrees_of_freedom, 99);
 }
 
 TEST(LeastSquareUncertainty, BadInputIsRefusedWithOutputsUntouched) {
@@ -179,6 +240,18 @@ TEST(LeastSquareUncertainty, BadInputIsRefusedWithOutputsUntouched) {
   EXPECT_EQ(gfLeastSquareUncertainty::sphere(same, o, 1.0, u), 0);
   EXPECT_EQ(gfLastReason(), gfReason::not_determined);
   EXPECT_EQ(gfLeastSquareUncertainty::plane(same, o, z, u), 0);
+  EXPECT_EQ(gfLastReason(), gfReason::not_determined);
+  EXPECT_EQ(gfLeastSquareUncertainty::torus(few, o, z, 3.0, 1.0, u), 0);
+  EXPECT_EQ(gfLastReason(), gfReason::too_few_points);
+  EXPECT_EQ(gfLeastSquareUncertainty::circle3(nan, o, z, 1.0, u), 0);
+  EXPECT_EQ(gfLastReason(), gfReason::non_finite_input);
+  EXPECT_EQ(gfLeastSquareUncertainty::torus(same, o, giUnitVec3(), 3.0, 1.0, u), 0);
+  EXPECT_EQ(gfLastReason(), gfReason::invalid_argument);
+  EXPECT_EQ(gfLeastSquareUncertainty::circle3(same, o, z, 1.0, u), 0);
+  EXPECT_EQ(gfLastReason(), gfReason::not_determined);
+  // A circle has no ellipse angle: the ellipse's figures are refused, not made up.
+  giPoint2coDynArr round = gfit::testing::sample_ellipse2(nullptr, giPoint2(1, 2), 3.0, 3.0, 0.0, 0.0, 2 * kPi, 30, 0);
+  EXPECT_EQ(gfLeastSquareUncertainty::ellipse(round, giPoint2(1, 2), 3.0, 3.0, 0.0, u), 0);
   EXPECT_EQ(gfLastReason(), gfReason::not_determined);
   EXPECT_EQ(u.sigma, 42.0);
 }

@@ -38,19 +38,12 @@ std::atomic<bool> const* gfSetCancelFlag(std::atomic<bool> const* flag) {
   return previous;
 }
 
-namespace gfit::detail {
-
-int refuse(gfReason reason, char const* message) {
+void gfSetLastReason(gfReason reason, char const* message) {
   last.reason = reason;
   last.message = message != nullptr ? message : gfReasonName(reason);
-  return 0;
 }
 
-int succeed(int status) {
-  last.reason = gfReason::none;
-  last.message = "";
-  return status;
-}
+namespace gfit::detail {
 
 bool cancelled() {
   std::atomic<bool> const* flag = flag_of_thread;

@@ -46,13 +46,25 @@ GFIT_EXPORT char const* gfReasonName(gfReason reason);
 // previous one. The flag must outlive the fits that poll it.
 GFIT_EXPORT std::atomic<bool> const* gfSetCancelFlag(std::atomic<bool> const* flag);
 
+// Records `reason` with `message` (a string literal or other static text; nullptr: the
+// reason's name) for this thread, as a refusing entry does; gfReason::none records a success.
+// The record's one writer: gfit's entries write through it, and so do those of libraries built
+// on gfit (gfit::cad), so that gfLastReason reads one record whichever library refused.
+GFIT_EXPORT void gfSetLastReason(gfReason reason, char const* message = nullptr);
+
 namespace gfit::detail {
 
-// Records `reason` with `message` (a string literal or other static text; nullptr: the
-// reason's name) for this thread and returns 0, so a refusal reads `return refuse(...)`.
-GFIT_EXPORT int refuse(gfReason reason, char const* message = nullptr);
+// Records `reason` with `message` (see gfSetLastReason) and returns 0, so a refusal reads
+// `return refuse(...)`.
+inline int refuse(gfReason reason, char const* message = nullptr) {
+  gfSetLastReason(reason, message);
+  return 0;
+}
 // Records success (gfReason::none) and returns `status` unchanged.
-GFIT_EXPORT int succeed(int status = 1);
+inline int succeed(int status = 1) {
+  gfSetLastReason(gfReason::none);
+  return status;
+}
 // True once the flag handed to this thread (or to the thread whose fit spawned this worker)
 // is set. Cheap enough to call per candidate or per solver iteration.
 GFIT_EXPORT bool cancelled();

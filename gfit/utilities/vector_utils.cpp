@@ -45,23 +45,3 @@ bool gfUtils::intersect_lines(giPoint2 const& p1, giVector2 const& d1, giPoint2 
   t = (w.x() * d2.y() - w.y() * d2.x()) / den;
   return true;
 }
-
-double get_maximum_movement(gfProjectedPoint2coDynArr const& points, giXform2 const& xform) {
-  double largest = 0.0;
-  for (gfProjectedPoint2 const& p : points) {
-    if (p.invalid()) continue;
-    double d = p.measured_point().distance(xform.transform(p.measured_point()));
-    if (d > largest) largest = d;
-  }
-  return largest;
-}
-
-double get_maximum_movement(gfProjectedPoint3coDynArr const& points, giXform3 const& xform) {
-  double largest = 0.0;
-  for (gfProjectedPoint3 const& p : points) {
-    if (p.invalid()) continue;
-    double d = p.measured_point().distance(xform.transform(p.measured_point()));
-    if (d > largest) largest = d;
-  }
-  return largest;
-}

@@ -3,7 +3,6 @@
 // two 2-D lines, and the largest movement of measured points under a transform.
 #pragma once
 
-#include "gfit/fitpoints/projected_point.h"
 #include "gfit/gfit_export.h"
 #include "gfit/platform/arrays.h"
 #include "gfit/platform/xform.h"
@@ -39,8 +38,3 @@ class GFIT_EXPORT gfUtils {
     return s >= 0.0 ? -(1.0 + c) : (1.0 + c);
   }
 };
-
-// The largest distance by which `xform` moves the measured point of a valid record; invalid
-// records are skipped; 0 for none.
-GFIT_EXPORT double get_maximum_movement(gfProjectedPoint2coDynArr const& points, giXform2 const& xform);
-GFIT_EXPORT double get_maximum_movement(gfProjectedPoint3coDynArr const& points, giXform3 const& xform);

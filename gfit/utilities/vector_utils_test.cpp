@@ -73,22 +73,4 @@ TEST(GfUtils, ProjectPointsToPlaneGivesInPlaneCoordinatesAndTheFrame) {
   EXPECT_EQ(out.count(), 2);
 }
 
-TEST(GfUtils, MaximumMovementSkipsInvalidRecords) {
-  gfProjectedPoint3coDynArr records;
-  EXPECT_EQ(get_maximum_movement(records, giXform3(giXformTranslate{}, giVector3(1, 1, 1))), 0.0);
-  records.append(gfProjectedPoint3(giPoint3(0, 0, 0), giPoint3(0, 0, 1), giUnitVec3(0, 0, 1)));
-  records.append(gfProjectedPoint3(giPoint3(5, 0, 0), giPoint3(5, 0, 1), giUnitVec3(0, 0, 1)));
-  gfProjectedPoint3 invalid(giPoint3(1e6, 0, 0), giPoint3(0, 0, 0), giUnitVec3(0, 0, 1));
-  invalid.set_invalid();
-  records.append(invalid);
-  records.append(gfProjectedPoint3());
-  EXPECT_EQ(get_maximum_movement(records, giXform3(giXformIdentity{})), 0.0);
-  giXform3 turn(giXformRotate{}, giPoint3(0, 0, 0), giUnitVec3(0, 0, 1), giAngle(giPi / 2));
-  EXPECT_NEAR(get_maximum_movement(records, turn), 5.0 * std::sqrt(2.0), 1e-13);
-
-  gfProjectedPoint2coDynArr flat{gfProjectedPoint2(giPoint2(3, 4), giPoint2(3, 4), giUnitVec2(0, 1)),
-                                 gfProjectedPoint2()};
-  EXPECT_NEAR(get_maximum_movement(flat, giXform2(giXformTranslate{}, giVector2(0, 2))), 2.0, 0.0);
-}
-
 }  // namespace

@@ -24,8 +24,9 @@ import math
 import numpy as np
 
 from . import _core
-from ._results import (AffineMap, AxisOfRevolution, Circle, Cone, Cylinder, Deviations,
-                       DirectionCone, Ellipse, ExtremalCircle, Line, Plane, Result, Sphere, Torus)
+from ._results import (AffineMap, AxisOfRevolution, CadAlignment, Circle, Cone, Cylinder, Deviations,
+                       DirectionCone, Ellipse, ExtremalCircle, Line, MinimumZone, Plane, PlaneStep, Result,
+                       RigidMap, Sphere, Torus, Uncertainty)
 
 __all__ = [
     "fit_line", "fit_plane", "fit_circle", "fit_sphere", "fit_cylinder", "fit_cylinders",
@@ -33,10 +34,13 @@ __all__ = [
     "fit_probed_circle", "fit_probed_sphere", "fit_probed_plane", "fit_probed_cylinder",
     "fit_probed_cone", "fit_probed_torus", "direct_circle", "direct_ellipse", "direct_sphere",
     "min_circumscribed_circle", "max_inscribed_circle", "minmax_circle", "convex_hull",
-    "containment_cone", "affine_match", "read_cad", "deviations", "set_max_threads",
+    "containment_cone", "affine_match", "points_to_points", "points_to_planes_step", "align_to_cad",
+    "minimum_zone_plane", "minimum_zone_line", "minimum_zone_sphere", "minimum_zone_cylinder", "uncertainty",
+    "read_cad", "deviations", "set_max_threads",
     "set_cone_non_physical_tolerance", "FITS",
     "Result", "Line", "Plane", "Circle", "Sphere", "Cylinder", "Cone", "Ellipse", "Torus",
     "AxisOfRevolution", "ExtremalCircle", "DirectionCone", "AffineMap", "Deviations",
+    "Uncertainty", "MinimumZone", "RigidMap", "PlaneStep", "CadAlignment",
 ]
 
 TEN_DEGREES = 10.0 * (math.pi / 180.0)
@@ -263,6 +267,83 @@ def affine_match(source, target) -> AffineMap:
     return AffineMap(**_core.affine_match(source, target))
 
 
+def points_to_points(source, target) -> RigidMap:
+    """Least-squares rotation and translation taking the (n, 3) ``source`` points onto the
+    corresponding (n, 3) ``target`` points (the pairs must not be coincident or collinear).
+    A mirrored pair set still gives a proper rotation."""
+    return RigidMap(**_core.points_to_points(source, target))
+
+
+def points_to_planes_step(measured, nominal, normals, lower=None, upper=None, weights=None,
+                          translations_only=False, attraction=0.0) -> PlaneStep:
+    """One linearised rigid step moving the (n, 3) ``measured`` points onto the tangent
+    planes at their ``nominal`` points with (n, 3) ``normals`` (any length, direction used):
+    minimises sum (w_i n_i . (m_i' - q_i))^2 to first order in the rotation, under optional
+    limits ``lower`` <= n_i . (m_i' - q_i) <= ``upper`` (n values each, +-inf for none) and
+    ``weights`` (n values). ``translations_only`` forbids rotations; ``attraction`` >= 0
+    pulls the motions the data leave free towards none. Iterate it, re-projecting each
+    time, for a full best fit."""
+    return PlaneStep(**_core.points_to_planes_step(measured, nominal, normals, lower, upper, weights,
+                                                  bool(translations_only), float(attraction)))
+
+
+def align_to_cad(part, points, tol=1e-6, pairs=None, bands=None, lock_origin=None,
+                 lock_rotations=None, scale_passes=0) -> CadAlignment:
+    """Best fit of the (n, 3) measured ``points`` (on the part's surface, mm) to the CAD
+    ``part`` (from read_cad, or a path), as ``gfit align`` does it.
+
+    ``pairs=(measured, nominal)``: corresponding points for a rough alignment first.
+    ``bands`` (n, 2): lower and upper limit of each point's signed deviation.
+    ``lock_origin=(measured, nominal)``: hold that measured point on the nominal one.
+    ``lock_rotations`` (k, 3), k <= 3: translations only. ``scale_passes`` > 0: estimate x
+    and y scale factors too (the scaled alignment; no locks or bands). ``tol``: stop when a
+    step moves no point by more than this (mm)."""
+    if isinstance(part, (str, bytes)) or hasattr(part, "__fspath__"):
+        part = read_cad(part)
+    pm, pn = pairs if pairs is not None else (None, None)
+    return CadAlignment(**_core.cad_align(part, points, float(tol), pm, pn, bands, lock_origin,
+                                          lock_rotations, int(scale_passes)))
+
+
+# ---- minimum-zone form and uncertainty ----------------------------------------------------------
+
+def _minimum_zone(kind, points) -> MinimumZone:
+    z = _core.minimum_zone(kind, points)
+    pts = np.asarray(points, dtype=float)
+    return MinimumZone(kind=kind, outer_points=pts[z["outer"]], inner_points=pts[z["inner"]], **z)
+
+
+def minimum_zone_plane(points) -> MinimumZone:
+    """Flatness: the two nearest parallel planes holding the (n, 3) points (at least 3, not
+    collinear); ``width`` their distance, ``direction`` the unit normal. See MinimumZone."""
+    return _minimum_zone("plane", points)
+
+
+def minimum_zone_line(points) -> MinimumZone:
+    """Straightness in space: the thinnest cylinder about a line holding the (n, 3) points
+    (at least 2); ``width`` its diameter. See MinimumZone."""
+    return _minimum_zone("line", points)
+
+
+def minimum_zone_sphere(points) -> MinimumZone:
+    """Sphericity: the two nearest concentric spheres holding the (n, 3) points (at least 4,
+    not coplanar); ``width`` = outer - inner radius. See MinimumZone."""
+    return _minimum_zone("sphere", points)
+
+
+def minimum_zone_cylinder(points) -> MinimumZone:
+    """Cylindricity: the two nearest coaxial cylinders holding the (n, 3) points (at least 5);
+    ``width`` = outer - inner radius. See MinimumZone."""
+    return _minimum_zone("cylinder", points)
+
+
+def uncertainty(result, points) -> Uncertainty:
+    """Standard uncertainties of a least-squares ``result`` (line, plane, circle, sphere,
+    cylinder, cone, torus, ellipse in the plane) from the ``points`` it was fitted to: the
+    same as ``result.uncertainty(points)``. See Uncertainty."""
+    return result.uncertainty(points)
+
+
 # ---- CAD ---------------------------------------------------------------------------------
 
 def read_cad(path):
@@ -310,4 +391,6 @@ FITS = {
     "min_circumscribed_circle": min_circumscribed_circle,
     "max_inscribed_circle": max_inscribed_circle, "minmax_circle": minmax_circle,
     "containment_cone": containment_cone,
+    "minimum_zone_plane": minimum_zone_plane, "minimum_zone_line": minimum_zone_line,
+    "minimum_zone_sphere": minimum_zone_sphere, "minimum_zone_cylinder": minimum_zone_cylinder,
 }

@@ -267,3 +267,142 @@ class Deviations(Result):
     min: float
     max: float
     rms: float
+
+
+@dataclass(frozen=True)
+class Uncertainty(Result):
+    """Standard uncertainties (one standard deviation) of a least-squares element, from the
+    points' own scatter: covariance s^2 (J^T J)^-1 at the solution, s^2 = sum of squared
+    distances / ``degrees_of_freedom``, with the gauge freedoms (an axis point sliding along
+    its axis, the length of a direction) removed. Lengths in the unit of the coordinates,
+    angles in radians.
+
+    ``sigma``: s. ``position``: of the centre, axis point or plane point along x, y, z, taken
+    at ``axis_point`` (the foot of the points' centroid on the axis or plane; the centre for
+    circles, spheres, tori). ``radius`` and ``diameter`` (circle, sphere, cylinder, torus r1,
+    ellipse semi-axis a; the cone's radius at ``axis_point``), ``second_radius`` (torus r2,
+    ellipse semi-axis b), ``axis_angle`` (angle between the fitted and the true axis or
+    normal; ellipse: its angle), ``half_angle`` (cone), ``offset`` (plane and line in the
+    plane, along the normal). ``independent``: covariance of the independent quantities;
+    ``parameters``: the same on the element's parameter vector (singular along the gauge
+    directions). Figures that do not apply to the element are 0."""
+
+    element: ClassVar[str] = "uncertainty"
+    sigma: float
+    degrees_of_freedom: int
+    position: np.ndarray
+    radius: float
+    diameter: float
+    second_radius: float
+    axis_angle: float
+    half_angle: float
+    offset: float
+    axis_point: np.ndarray
+    independent: np.ndarray = field(repr=False)
+    parameters: np.ndarray = field(repr=False)
+
+
+def _uncertainty(self, points) -> Uncertainty:
+    """The standard uncertainties of this least-squares element from the points it was
+    fitted to (see Uncertainty). Raises ValueError for probe-compensated and extremal
+    results, which have none, and for points that do not determine the element."""
+    if self.probe_radii is not None:
+        raise ValueError("kind: no uncertainty for a probe-compensated %s" % self.element)
+    return Uncertainty(**_core.uncertainty(self.element, self._fields(), points))
+
+
+_Element.uncertainty = _uncertainty
+
+
+@dataclass(frozen=True)
+class MinimumZone(Result):
+    """The minimum zone of the points (the form error as a drawing's tolerance defines it),
+    searched from the least-squares element:
+
+    - plane: two parallel planes; ``point`` on the mid plane, unit ``normal``;
+    - line: a cylinder about a line; ``point``, unit ``direction``, ``radius`` of the zone;
+    - sphere: two concentric spheres; ``point`` the centre, ``radius`` the mid radius;
+    - cylinder: two coaxial cylinders; ``point``, unit ``direction``, mid ``radius``.
+
+    ``width``: the zone's width (outer minus inner; the line's zone diameter), never more
+    than ``least_squares_width``, the same measure about the least-squares element
+    (``least_squares_point``, ``least_squares_direction``, ``least_squares_radius``).
+    ``outer`` and ``inner``: indices of the contact points on the two surfaces (for the
+    plane the outer side is the one the normal points to), ``outer_points`` and
+    ``inner_points`` the points themselves. ``certified``: the contacts prove the zone
+    minimal (``certificate``, in units of the points' extent, below 1e-7); otherwise
+    ``status`` says why the search stopped (2 no proof, 3 step cap). The sphere and cylinder
+    zones are the local minimum nearest the least-squares element."""
+
+    element: ClassVar[str] = "minimum_zone"
+    kind: str
+    width: float
+    point: np.ndarray
+    direction: Optional[np.ndarray]
+    radius: float
+    least_squares_width: float
+    least_squares_point: np.ndarray
+    least_squares_direction: Optional[np.ndarray]
+    least_squares_radius: float
+    outer: np.ndarray
+    inner: np.ndarray
+    outer_points: np.ndarray = field(repr=False)
+    inner_points: np.ndarray = field(repr=False)
+    certified: bool
+    certificate: float
+    status: int
+    iterations: int
+
+
+@dataclass(frozen=True)
+class RigidMap(Result):
+    """x' = matrix @ x + translation, a rotation (``matrix`` orthogonal, determinant +1) and a
+    translation taking the source points onto the targets; ``rms`` of |x' - target| over the
+    pairs, in the unit of the coordinates."""
+
+    element: ClassVar[str] = "rigid"
+    matrix: np.ndarray
+    translation: np.ndarray
+    rms: float = float("nan")
+
+    def apply(self, points) -> np.ndarray:
+        """The mapped points, an (n, d) array."""
+        return np.asarray(points, dtype=float) @ self.matrix.T + self.translation
+
+
+@dataclass(frozen=True)
+class PlaneStep(RigidMap):
+    """One linearised rigid step bringing measured points onto the tangent planes at their
+    nominal points (``apply`` moves the measured points); ``contradictory_limits``: the
+    numbers of the tolerance limits left out because they contradict each other (each
+    finite limit numbered in point order, lower before upper)."""
+
+    element: ClassVar[str] = "points_to_planes_step"
+    contradictory_limits: np.ndarray = field(default_factory=lambda: np.zeros(0, dtype=np.int32))
+
+
+@dataclass(frozen=True)
+class CadAlignment(Result):
+    """The best fit of measured points to a CAD part: ``transform`` (4 x 4) takes the points
+    onto the part; ``deviation`` of each point after it, signed along the part's outward
+    normal in mm (NaN where no face sees the point); ``rms``, ``min``, ``max``, ``invalid``
+    over the points; ``status`` 1 aligned, 0 stopped early (the transform reached so far);
+    ``steps`` taken; ``scale_x``, ``scale_y`` (1 unless scale passes were asked for);
+    ``contradictory_limits`` as for PlaneStep."""
+
+    element: ClassVar[str] = "cad_alignment"
+    transform: np.ndarray
+    deviation: np.ndarray = field(repr=False)
+    rms: float
+    min: float
+    max: float
+    invalid: int
+    status: int
+    steps: int
+    scale_x: float
+    scale_y: float
+    contradictory_limits: np.ndarray
+
+    def apply(self, points) -> np.ndarray:
+        """The points moved by the transform, an (n, 3) array."""
+        return np.asarray(points, dtype=float) @ self.transform[:3, :3].T + self.transform[:3, 3]

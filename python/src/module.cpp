@@ -7,19 +7,21 @@
 //
 // Points arrive as (n, 2) or (n, 3) arrays. A C-contiguous float64 array is lent to the
 // library as it is: its rows already have the memory layout of giPoint2 / giPoint3, so the
-// library's array is pointed at numpy's buffer (see BorrowedPoints) and nothing is copied.
+// library's array is pointed at numpy's buffer (see lent_array.h) and nothing is copied.
 // Any other layout or real dtype is first converted by numpy.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
+#include <cfloat>
 #include <chrono>
 #include <cmath>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "gfit/gfit.h"
+#include "lent_array.h"
 #ifdef GFIT_PYTHON_CAD
 #include "gfit/cad.h"
 #endif
@@ -79,75 +81,10 @@ void require_finite(double const* v, py::ssize_t count, int per_row, std::string
     if (!std::isfinite(v[i])) refuse_argument(name, "row " + std::to_string(i / per_row) + " is not finite");
 }
 
-// The block fields of the library's dynamic array. The array keeps them private and has no
-// way to adopt a block it did not allocate; lending it numpy's buffer for one call needs
-// them. Naming a private member in an explicit instantiation is allowed (access is not
-// checked there), which gives member pointers without depending on the field layout: a
-// renamed field fails to compile instead of misbehaving.
-template <class Tag, typename Tag::type Member>
-struct ExposeMember {
-  friend typename Tag::type member(Tag) { return Member; }
-};
-// One tag per field and element type: the member pointer's type and the friend through which
-// the instantiation below hands it out.
-struct Block2 {
-  using type = giPoint2* coDynArr<giPoint2>::*;
-  friend type member(Block2);
-};
-struct Capacity2 {
-  using type = int coDynArr<giPoint2>::*;
-  friend type member(Capacity2);
-};
-struct Count2 {
-  using type = int coDynArr<giPoint2>::*;
-  friend type member(Count2);
-};
-struct Block3 {
-  using type = giPoint3* coDynArr<giPoint3>::*;
-  friend type member(Block3);
-};
-struct Capacity3 {
-  using type = int coDynArr<giPoint3>::*;
-  friend type member(Capacity3);
-};
-struct Count3 {
-  using type = int coDynArr<giPoint3>::*;
-  friend type member(Count3);
-};
-template struct ExposeMember<Block2, &coDynArr<giPoint2>::data_>;
-template struct ExposeMember<Capacity2, &coDynArr<giPoint2>::capacity_>;
-template struct ExposeMember<Count2, &coDynArr<giPoint2>::count_>;
-template struct ExposeMember<Block3, &coDynArr<giPoint3>::data_>;
-template struct ExposeMember<Capacity3, &coDynArr<giPoint3>::capacity_>;
-template struct ExposeMember<Count3, &coDynArr<giPoint3>::count_>;
-
-template <class P>
-struct FieldsOf;
-template <>
-struct FieldsOf<giPoint2> {
-  using Block = Block2;
-  using Capacity = Capacity2;
-  using Count = Count2;
-};
-template <>
-struct FieldsOf<giPoint3> {
-  using Block = Block3;
-  using Capacity = Capacity3;
-  using Count = Count3;
-};
-
-// Row i of a C-contiguous (n, D) float64 array is exactly the object representation of a
-// giPoint2 / giPoint3: standard-layout classes of D doubles with no padding, trivially
-// copyable and destructible (implicit-lifetime), so the buffer can serve as their block.
-static_assert(std::is_standard_layout<giPoint3>::value && sizeof(giPoint3) == 3 * sizeof(double));
-static_assert(std::is_standard_layout<giPoint2>::value && sizeof(giPoint2) == 2 * sizeof(double));
-static_assert(std::is_trivially_copyable<giPoint3>::value && std::is_trivially_destructible<giPoint3>::value);
-static_assert(std::is_trivially_copyable<giPoint2>::value && std::is_trivially_destructible<giPoint2>::value);
-
 // Points of an (n, D) array as the library's array, for the duration of one call. A
-// C-contiguous float64 array is lent as it is (no copy); anything else is converted by numpy
-// first. The library reads its point arrays through `const&` only, so it never writes, grows
-// or frees the lent block; the block is taken back before the array's destructor runs.
+// C-contiguous float64 array is lent as it is (no copy, see lent_array.h); anything else is
+// converted by numpy first. The library reads its point arrays through `const&` only, so it
+// never writes, grows or frees the lent block.
 //
 // Non-finite coordinates are not scanned for up front: every entry refuses them itself, and
 // a scan of a dense cloud costs a tenth of a plane fit. `check` names the argument when an
@@ -158,28 +95,21 @@ class Points {
   Points() = default;
   Points(py::handle obj, std::string name, int min_rows, bool check_finite = false)
       : name_(std::move(name)), source_(as_doubles(obj, name_, D, min_rows)) {
-    const int n = static_cast<int>(source_.shape(0));
     if (check_finite) check();
-    array_.*member(typename FieldsOf<P>::Block{}) = reinterpret_cast<P*>(const_cast<double*>(source_.data()));
-    array_.*member(typename FieldsOf<P>::Capacity{}) = n;
-    array_.*member(typename FieldsOf<P>::Count{}) = n;
+    lent_.lend(source_.data(), static_cast<int>(source_.shape(0)));
   }
   Points(Points const&) = delete;
   Points& operator=(Points const&) = delete;
   Points& operator=(Points&& o) noexcept {
-    take_back();
+    o.lent_.lend(nullptr, 0);
     name_ = std::move(o.name_);
     source_ = std::move(o.source_);
-    array_.*member(typename FieldsOf<P>::Block{}) = o.array_.*member(typename FieldsOf<P>::Block{});
-    array_.*member(typename FieldsOf<P>::Capacity{}) = o.array_.*member(typename FieldsOf<P>::Capacity{});
-    array_.*member(typename FieldsOf<P>::Count{}) = o.array_.*member(typename FieldsOf<P>::Count{});
-    o.take_back();
+    if (source_) lent_.lend(source_.data(), static_cast<int>(source_.shape(0)));
     return *this;
   }
-  ~Points() { take_back(); }
 
-  coDynArr<P> const& array() const { return array_; }
-  int count() const { return array_.count(); }
+  coDynArr<P> const& array() const { return lent_.array(); }
+  int count() const { return lent_.array().count(); }
 
   // Raises ValueError naming the argument when a coordinate is not finite.
   void check() const {
@@ -187,15 +117,9 @@ class Points {
   }
 
  private:
-  void take_back() {
-    array_.*member(typename FieldsOf<P>::Block{}) = nullptr;
-    array_.*member(typename FieldsOf<P>::Capacity{}) = 0;
-    array_.*member(typename FieldsOf<P>::Count{}) = 0;
-  }
-
   std::string name_;
   Doubles source_;
-  coDynArr<P> array_;
+  gfit_python::LentArray<P> lent_;  // declared last: gives the block back before source_ goes
 };
 using Points2 = Points<giPoint2, 2>;
 using Points3 = Points<giPoint3, 3>;
@@ -221,7 +145,8 @@ doublecoDynArr radii_array(py::handle obj, int n, std::string const& name) {
                               std::to_string(n) + " points");
   for (int i = 0; i < n; ++i) {
     const double r = d.data()[i];
-    if (!std::isfinite(r) || r < 0.0) refuse_argument(name, "radius " + std::to_string(i) + " is negative or not finite");
+    if (!std::isfinite(r) || r < 0.0)
+      refuse_argument(name, "radius " + std::to_string(i) + " is negative or not finite");
     out.append(r);
   }
   return out;
@@ -308,12 +233,10 @@ py::array_t<double> vec(giUnitVec3 const& v) { return vec({v.x(), v.y(), v.z()})
 py::array_t<double> vec(giVector2 const& v) { return vec({v.x(), v.y()}); }
 py::array_t<double> vec(giVector3 const& v) { return vec({v.x(), v.y(), v.z()}); }
 
-// Clears this thread's reason record before an entry runs, so that an entry that fails
-// without recording one is not reported with an earlier call's reason.
-void clear_reason() { gfit::detail::succeed(); }
-
 // A failed entry: a non-finite coordinate in one of `arrays` is named as the cause;
-// otherwise the reason the library recorded.
+// otherwise the reason the library recorded. Every entry records a reason when it refuses
+// or fails and sets it back to none when it succeeds (the record is per thread), so the
+// reason read here is this call's; nothing needs clearing beforehand.
 template <class... Arrays>
 [[noreturn]] void fit_failed(char const* entry, Arrays const&... arrays) {
   (arrays.check(), ...);
@@ -321,40 +244,71 @@ template <class... Arrays>
   throw py::value_error(std::string(entry) + ": " + why);
 }
 
-// Runs `call` without the interpreter lock, with this thread's reason record cleared.
+// Runs `call` without the interpreter lock.
 template <class F>
 auto unlocked(F&& call) {
   py::gil_scoped_release release;
-  clear_reason();
   return call();
+}
+
+// The shape every binding shares: the library call without the lock, and a failed status
+// (0) raised as ValueError with the reason, naming `arrays` when one of them is not finite.
+// Returns the status.
+template <class F, class... Arrays>
+int run(char const* entry, F&& call, Arrays const&... arrays) {
+  const int status = unlocked(std::forward<F>(call));
+  if (!status) fit_failed(entry, arrays...);
+  return status;
+}
+
+// A result's fields from name, value pairs: dict_of("centre", c, "radius", r). Points and
+// directions become numpy vectors, numbers stay numbers.
+py::object field(double v) { return py::float_(v); }
+py::object field(int v) { return py::int_(v); }
+py::object field(bool v) { return py::bool_(v); }
+py::object field(py::object v) { return v; }
+template <class V, class = decltype(vec(std::declval<V const&>()))>
+py::object field(V const& v) {
+  return vec(v);
+}
+inline void put(py::dict&) {}
+template <class V, class... Rest>
+void put(py::dict& d, char const* key, V const& value, Rest const&... rest) {
+  d[key] = field(value);
+  put(d, rest...);
+}
+template <class... Pairs>
+py::dict dict_of(Pairs const&... pairs) {
+  py::dict d;
+  put(d, pairs...);
+  return d;
+}
+
+// A matrix of the library as a 2-D numpy array.
+py::array_t<double> matrix(mlMatrix const& m) {
+  py::array_t<double> a({static_cast<py::ssize_t>(m.rows()), static_cast<py::ssize_t>(m.cols())});
+  for (int i = 0; i < m.rows(); ++i)
+    for (int j = 0; j < m.cols(); ++j) a.mutable_at(i, j) = m(i, j);
+  return a;
 }
 
 // ---- least-squares fits ---------------------------------------------------------------------
 
 py::dict fit_line(py::handle pts) {
-  py::dict out;
   if (columns_of(pts, "points") == 2) {
     Points2 p(pts, "points", 2);
     giPoint2 point;
     giUnitVec2 direction;
     double residual = 0.0;
-    if (!unlocked([&] { return gfLeastSquareEvaluator::evaluate_line(p.array(), point, direction, residual); }))
-      fit_failed("fit_line", p);
-    out["point"] = vec(point);
-    out["direction"] = vec(direction);
-    out["residual"] = residual;
-    return out;
+    run("fit_line", [&] { return gfLeastSquareEvaluator::evaluate_line(p.array(), point, direction, residual); }, p);
+    return dict_of("point", point, "direction", direction, "residual", residual);
   }
   Points3 p(pts, "points", 2);
   giPoint3 point;
   giUnitVec3 direction;
   double residual = 0.0;
-  if (!unlocked([&] { return gfLeastSquareEvaluator::evaluate_line3(p.array(), point, direction, residual); }))
-    fit_failed("fit_line", p);
-  out["point"] = vec(point);
-  out["direction"] = vec(direction);
-  out["residual"] = residual;
-  return out;
+  run("fit_line", [&] { return gfLeastSquareEvaluator::evaluate_line3(p.array(), point, direction, residual); }, p);
+  return dict_of("point", point, "direction", direction, "residual", residual);
 }
 
 py::dict fit_line_in_plane(py::handle pts, py::handle origin_obj, py::handle normal_obj) {
@@ -364,15 +318,10 @@ py::dict fit_line_in_plane(py::handle pts, py::handle origin_obj, py::handle nor
   giPoint3 point;
   giUnitVec3 direction;
   double residual = 0.0;
-  if (!unlocked([&] {
+  run("fit_line", [&] {
         return gfLeastSquareEvaluator::evaluate_line2(origin, normal, p.array(), point, direction, residual);
-      }))
-    fit_failed("fit_line", p);
-  py::dict out;
-  out["point"] = vec(point);
-  out["direction"] = vec(direction);
-  out["residual"] = residual;
-  return out;
+      }, p);
+  return dict_of("point", point, "direction", direction, "residual", residual);
 }
 
 py::dict fit_plane(py::handle pts) {
@@ -380,37 +329,25 @@ py::dict fit_plane(py::handle pts) {
   giPoint3 point;
   giUnitVec3 normal;
   double residual = 0.0;
-  if (!unlocked([&] { return gfLeastSquareEvaluator::evaluate_plane(p.array(), point, normal, residual); }))
-    fit_failed("fit_plane", p);
-  py::dict out;
-  out["point"] = vec(point);
-  out["normal"] = vec(normal);
-  out["residual"] = residual;
-  return out;
+  run("fit_plane", [&] { return gfLeastSquareEvaluator::evaluate_plane(p.array(), point, normal, residual); }, p);
+  return dict_of("point", point, "normal", normal, "residual", residual);
 }
 
 py::dict fit_circle(py::handle pts) {
-  py::dict out;
   double radius = 0.0, residual = 0.0;
   if (columns_of(pts, "points") == 2) {
     Points2 p(pts, "points", 3);
     giPoint2 centre;
-    if (!unlocked([&] { return gfLeastSquareEvaluator::evaluate_circle(p.array(), centre, radius, residual); }))
-      fit_failed("fit_circle", p);
-    out["centre"] = vec(centre);
-  } else {
-    Points3 p(pts, "points", 3);
-    giPoint3 centre;
-    giUnitVec3 normal;
-    if (!unlocked(
-            [&] { return gfLeastSquareEvaluator::evaluate_circle3(p.array(), centre, normal, radius, residual); }))
-      fit_failed("fit_circle", p);
-    out["centre"] = vec(centre);
-    out["normal"] = vec(normal);
+    run("fit_circle", [&] { return gfLeastSquareEvaluator::evaluate_circle(p.array(), centre, radius, residual); }, p);
+    return dict_of("centre", centre, "radius", radius, "residual", residual);
   }
-  out["radius"] = radius;
-  out["residual"] = residual;
-  return out;
+  Points3 p(pts, "points", 3);
+  giPoint3 centre;
+  giUnitVec3 normal;
+  run(
+      "fit_circle",
+      [&] { return gfLeastSquareEvaluator::evaluate_circle3(p.array(), centre, normal, radius, residual); }, p);
+  return dict_of("centre", centre, "normal", normal, "radius", radius, "residual", residual);
 }
 
 py::dict fit_circle_in_plane(py::handle pts, py::handle origin_obj, py::handle normal_obj) {
@@ -419,47 +356,26 @@ py::dict fit_circle_in_plane(py::handle pts, py::handle origin_obj, py::handle n
   const giUnitVec3 normal = direction3_arg(normal_obj, "normal");
   giPoint3 centre;
   double radius = 0.0, residual = 0.0;
-  if (!unlocked([&] {
+  run("fit_circle", [&] {
         return gfLeastSquareEvaluator::evaluate_circle2(origin, normal, p.array(), centre, radius, residual);
-      }))
-    fit_failed("fit_circle", p);
-  py::dict out;
-  out["centre"] = vec(centre);
-  out["normal"] = vec(normal);
-  out["radius"] = radius;
-  out["residual"] = residual;
-  return out;
+      }, p);
+  return dict_of("centre", centre, "normal", normal, "radius", radius, "residual", residual);
 }
 
 py::dict fit_sphere(py::handle pts) {
   Points3 p(pts, "points", 4);
   giPoint3 centre;
   double radius = 0.0, residual = 0.0;
-  if (!unlocked([&] { return gfLeastSquareEvaluator::evaluate_sphere(p.array(), centre, radius, residual); }))
-    fit_failed("fit_sphere", p);
-  py::dict out;
-  out["centre"] = vec(centre);
-  out["radius"] = radius;
-  out["residual"] = residual;
-  return out;
+  run("fit_sphere", [&] { return gfLeastSquareEvaluator::evaluate_sphere(p.array(), centre, radius, residual); }, p);
+  return dict_of("centre", centre, "radius", radius, "residual", residual);
 }
 
 py::dict axis_result(giPoint3 const& point, giUnitVec3 const& direction, double radius, double residual) {
-  py::dict out;
-  out["point"] = vec(point);
-  out["direction"] = vec(direction);
-  out["radius"] = radius;
-  out["residual"] = residual;
-  return out;
+  return dict_of("point", point, "direction", direction, "radius", radius, "residual", residual);
 }
 
 py::dict cone_result(giPoint3 const& apex, giUnitVec3 const& axis, double half_angle, double residual) {
-  py::dict out;
-  out["apex"] = vec(apex);
-  out["axis"] = vec(axis);
-  out["half_angle"] = half_angle;
-  out["residual"] = residual;
-  return out;
+  return dict_of("apex", apex, "axis", axis, "half_angle", half_angle, "residual", residual);
 }
 
 py::dict fit_cylinder(py::handle pts, py::handle normals_obj, py::handle guess_obj, double angle_rad) {
@@ -471,13 +387,12 @@ py::dict fit_cylinder(py::handle pts, py::handle normals_obj, py::handle guess_o
   giPoint3 point;
   giUnitVec3 direction;
   double radius = 0.0, residual = 0.0;
-  const int status = unlocked([&] {
+  run("fit_cylinder", [&] {
     return normals.empty() ? gfLeastSquareEvaluator::evaluate_cylinder(p.array(), point, direction, radius, residual,
                                                                        guess, angle, 0)
                            : gfLeastSquareEvaluator::evaluate_cylinder(p.array(), normals, angle, point, direction,
                                                                        radius, residual, 0);
-  });
-  if (!status) fit_failed("fit_cylinder", p);
+  }, p);
   return axis_result(point, direction, radius, residual);
 }
 
@@ -506,13 +421,12 @@ py::dict fit_cone(py::handle pts, py::handle normals_obj, py::handle guess_obj, 
   giPoint3 apex;
   giUnitVec3 axis;
   double half_angle = 0.0, residual = 0.0;
-  const int status = unlocked([&] {
+  run("fit_cone", [&] {
     return normals.empty() ? gfLeastSquareEvaluator::evaluate_cone(p.array(), apex, axis, half_angle, residual, guess,
                                                                    angle, 0)
                            : gfLeastSquareEvaluator::evaluate_cone(p.array(), normals, angle, apex, axis, half_angle,
                                                                    residual, 0);
-  });
-  if (!status) fit_failed("fit_cone", p);
+  }, p);
   return cone_result(apex, axis, half_angle, residual);
 }
 
@@ -537,17 +451,10 @@ py::dict fit_ellipse(py::handle pts) {
   Points2 p(pts, "points", 4);
   giPoint2 centre;
   double major = 0, minor = 0, angle = 0, residual = 0;
-  if (!unlocked([&] {
+  run("fit_ellipse", [&] {
         return gfLeastSquareEvaluator::evaluate_ellipse(p.array(), centre, major, minor, angle, residual);
-      }))
-    fit_failed("fit_ellipse", p);
-  py::dict out;
-  out["centre"] = vec(centre);
-  out["major"] = major;
-  out["minor"] = minor;
-  out["angle"] = angle;
-  out["residual"] = residual;
-  return out;
+      }, p);
+  return dict_of("centre", centre, "major", major, "minor", minor, "angle", angle, "residual", residual);
 }
 
 // The unit vector in space along the in-plane angle `angle` of the projection frame of the
@@ -575,30 +482,17 @@ py::dict fit_ellipse_in_plane(py::handle pts, py::handle origin_obj, py::handle 
   const giUnitVec3 direction = direction3_arg(direction_obj, "direction");
   giPoint3 centre;
   double major = 0, minor = 0, angle = 0, residual = 0;
-  if (!unlocked([&] {
+  run("fit_ellipse", [&] {
         return gfLeastSquareEvaluator::evaluate_ellipse2(origin, normal, direction, p.array(), centre, major, minor,
                                                          angle, residual);
-      }))
-    fit_failed("fit_ellipse", p);
-  py::dict out;
-  out["centre"] = vec(centre);
-  out["normal"] = vec(normal);
-  out["major_axis"] = vec(in_plane_direction(origin, normal, direction, angle));
-  out["major"] = major;
-  out["minor"] = minor;
-  out["angle"] = angle;
-  out["residual"] = residual;
-  return out;
+      }, p);
+  return dict_of("centre", centre, "normal", normal, "major_axis",
+                 vec(in_plane_direction(origin, normal, direction, angle)), "major", major, "minor", minor, "angle",
+                 angle, "residual", residual);
 }
 
 py::dict torus_result(giPoint3 const& centre, giUnitVec3 const& axis, double r1, double r2, double residual) {
-  py::dict out;
-  out["centre"] = vec(centre);
-  out["axis"] = vec(axis);
-  out["r1"] = r1;
-  out["r2"] = r2;
-  out["residual"] = residual;
-  return out;
+  return dict_of("centre", centre, "axis", axis, "r1", r1, "r2", r2, "residual", residual);
 }
 
 py::dict fit_torus(py::handle pts, py::handle centre_obj, py::handle axis_obj) {
@@ -616,7 +510,8 @@ py::dict fit_torus(py::handle pts, py::handle centre_obj, py::handle axis_obj) {
       return gfLeastSquareEvaluator::evaluate_torus_with_guess(p.array(), centre, axis, r1, r2, residual);
     });
   } else {
-    status = unlocked([&] { return gfLeastSquareEvaluator::evaluate_torus(p.array(), centre, axis, r1, r2, residual); });
+    status =
+        unlocked([&] { return gfLeastSquareEvaluator::evaluate_torus(p.array(), centre, axis, r1, r2, residual); });
   }
   if (!status) fit_failed("fit_torus", p);
   return torus_result(centre, axis, r1, r2, residual);
@@ -629,15 +524,10 @@ py::dict fit_axis_of_revolution(py::handle pts, py::handle normals_obj) {
   giPoint3 point;
   giUnitVec3 direction;
   double residual = 0.0;
-  if (!unlocked([&] {
+  run("fit_axis_of_revolution", [&] {
         return gfLeastSquareEvaluator::evaluate_axis_rev(p.array(), normals, point, direction, residual);
-      }))
-    fit_failed("fit_axis_of_revolution", p);
-  py::dict out;
-  out["point"] = vec(point);
-  out["direction"] = vec(direction);
-  out["residual"] = residual;
-  return out;
+      }, p);
+  return dict_of("point", point, "direction", direction, "residual", residual);
 }
 
 // ---- probe-compensated fits -------------------------------------------------------------------
@@ -647,15 +537,10 @@ py::dict fit_probed_circle(py::handle pts, py::handle radii_obj, bool inside) {
   const doublecoDynArr radii = radii_array(radii_obj, p.count(), "radii");
   giPoint2 centre;
   double radius = 0, residual = 0;
-  if (!unlocked([&] {
+  run("fit_probed_circle", [&] {
         return gfLeastSquareEvaluator::evaluate_probed_circle(p.array(), radii, inside, centre, radius, residual);
-      }))
-    fit_failed("fit_probed_circle", p);
-  py::dict out;
-  out["centre"] = vec(centre);
-  out["radius"] = radius;
-  out["residual"] = residual;
-  return out;
+      }, p);
+  return dict_of("centre", centre, "radius", radius, "residual", residual);
 }
 
 py::dict fit_probed_sphere(py::handle pts, py::handle radii_obj, bool inside) {
@@ -663,15 +548,10 @@ py::dict fit_probed_sphere(py::handle pts, py::handle radii_obj, bool inside) {
   const doublecoDynArr radii = radii_array(radii_obj, p.count(), "radii");
   giPoint3 centre;
   double radius = 0, residual = 0;
-  if (!unlocked([&] {
+  run("fit_probed_sphere", [&] {
         return gfLeastSquareEvaluator::evaluate_probed_sphere(p.array(), radii, inside, centre, radius, residual);
-      }))
-    fit_failed("fit_probed_sphere", p);
-  py::dict out;
-  out["centre"] = vec(centre);
-  out["radius"] = radius;
-  out["residual"] = residual;
-  return out;
+      }, p);
+  return dict_of("centre", centre, "radius", radius, "residual", residual);
 }
 
 py::dict fit_probed_plane(py::handle pts, py::handle radii_obj, py::handle normals_obj) {
@@ -683,15 +563,10 @@ py::dict fit_probed_plane(py::handle pts, py::handle radii_obj, py::handle norma
     giPoint2 point;
     giUnitVec2 normal;
     double residual = 0;
-    if (!unlocked([&] {
+    run("fit_probed_line", [&] {
           return gfLeastSquareEvaluator::evaluate_probed_line2(p.array(), radii, normals, point, normal, residual);
-        }))
-      fit_failed("fit_probed_line", p);
-    py::dict out;
-    out["point"] = vec(point);
-    out["normal"] = vec(normal);
-    out["residual"] = residual;
-    return out;
+        }, p);
+    return dict_of("point", point, "normal", normal, "residual", residual);
   }
   Points3 p(pts, "points", 3);
   const doublecoDynArr radii = radii_array(radii_obj, p.count(), "radii");
@@ -700,15 +575,10 @@ py::dict fit_probed_plane(py::handle pts, py::handle radii_obj, py::handle norma
   giPoint3 point;
   giUnitVec3 normal;
   double residual = 0;
-  if (!unlocked([&] {
+  run("fit_probed_plane", [&] {
         return gfLeastSquareEvaluator::evaluate_probed_plane(p.array(), radii, normals, point, normal, residual);
-      }))
-    fit_failed("fit_probed_plane", p);
-  py::dict out;
-  out["point"] = vec(point);
-  out["normal"] = vec(normal);
-  out["residual"] = residual;
-  return out;
+      }, p);
+  return dict_of("point", point, "normal", normal, "residual", residual);
 }
 
 py::dict fit_probed_cylinder(py::handle pts, py::handle radii_obj, bool inside, py::handle normals_obj,
@@ -722,14 +592,13 @@ py::dict fit_probed_cylinder(py::handle pts, py::handle radii_obj, bool inside, 
   giPoint3 point;
   giUnitVec3 direction;
   double radius = 0.0, residual = 0.0;
-  const int status = unlocked([&] {
+  run("fit_probed_cylinder", [&] {
     return normals.empty()
                ? gfLeastSquareEvaluator::evaluate_probed_cylinder(p.array(), radii, inside, point, direction, radius,
                                                                   residual, guess, angle, 0)
                : gfLeastSquareEvaluator::evaluate_probed_cylinder(p.array(), radii, inside, normals, angle, point,
                                                                   direction, radius, residual, 0);
-  });
-  if (!status) fit_failed("fit_probed_cylinder", p);
+  }, p);
   return axis_result(point, direction, radius, residual);
 }
 
@@ -751,14 +620,13 @@ py::dict fit_probed_cone(py::handle pts, py::handle radii_obj, bool inside, py::
   giPoint3 apex;
   giUnitVec3 axis;
   double half_angle = 0.0, residual = 0.0;
-  const int status = unlocked([&] {
+  run("fit_probed_cone", [&] {
     return normals.empty()
                ? gfLeastSquareEvaluator::evaluate_probed_cone(p.array(), radii, inside, contacts.array(), apex, axis,
                                                               half_angle, residual, guess, angle, 0)
                : gfLeastSquareEvaluator::evaluate_probed_cone(p.array(), radii, inside, contacts.array(), normals,
                                                               angle, apex, axis, half_angle, residual, 0);
-  });
-  if (!status) fit_failed("fit_probed_cone", p, contacts);
+  }, p, contacts);
   return cone_result(apex, axis, half_angle, residual);
 }
 
@@ -768,10 +636,9 @@ py::dict fit_probed_torus(py::handle pts, py::handle radii_obj, bool inside) {
   giPoint3 centre;
   giUnitVec3 axis;
   double r1 = 0, r2 = 0, residual = 0;
-  if (!unlocked([&] {
+  run("fit_probed_torus", [&] {
         return gfLeastSquareEvaluator::evaluate_probed_torus(p.array(), radii, inside, centre, axis, r1, r2, residual);
-      }))
-    fit_failed("fit_probed_torus", p);
+      }, p);
   return torus_result(centre, axis, r1, r2, residual);
 }
 
@@ -785,71 +652,46 @@ void direct_status(gfDirectFitStatus status, char const* entry, Array const& p) 
 }
 
 py::dict direct_circle(py::handle pts) {
-  py::dict out;
   if (columns_of(pts, "points") == 2) {
     Points2 p(pts, "points", 2);
     auto fit = unlocked([&] { return std::make_unique<gfDirectCircle2>(p.array()); });
     direct_status(fit->status(), "direct_circle", p);
-    out["centre"] = vec(fit->centre());
-    out["radius"] = fit->radius();
-    out["residual"] = fit->chi();
-    return out;
+    return dict_of("centre", fit->centre(), "radius", fit->radius(), "residual", fit->chi());
   }
   Points3 p(pts, "points", 2);
   auto fit = unlocked([&] { return std::make_unique<gfDirectCircle3>(p.array()); });
   direct_status(fit->status(), "direct_circle", p);
-  out["centre"] = vec(fit->centre());
-  out["normal"] = vec(fit->workplane().normal());
-  out["radius"] = fit->radius();
-  out["residual"] = fit->chi();
-  return out;
+  return dict_of("centre", fit->centre(), "normal", fit->workplane().normal(), "radius", fit->radius(), "residual",
+                 fit->chi());
 }
 
 py::dict direct_ellipse(py::handle pts) {
-  py::dict out;
   if (columns_of(pts, "points") == 2) {
     Points2 p(pts, "points", 2);
     auto fit = unlocked([&] { return std::make_unique<gfDirectEllipse2>(p.array()); });
     direct_status(fit->status(), "direct_ellipse", p);
-    out["centre"] = vec(fit->centre());
-    out["major"] = fit->a_length();
-    out["minor"] = fit->b_length();
-    out["major_axis"] = vec(fit->a_axis());
-    out["angle"] = fit->angle().radians();
-    out["residual"] = fit->chi();
-    return out;
+    return dict_of("centre", fit->centre(), "major", fit->a_length(), "minor", fit->b_length(), "major_axis",
+                   fit->a_axis(), "angle", fit->angle().radians(), "residual", fit->chi());
   }
   Points3 p(pts, "points", 2);
   auto fit = unlocked([&] { return std::make_unique<gfDirectEllipse3>(p.array()); });
   direct_status(fit->status(), "direct_ellipse", p);
-  out["centre"] = vec(fit->centre());
-  out["normal"] = vec(fit->workplane().normal());
-  out["major"] = fit->a_length();
-  out["minor"] = fit->b_length();
-  out["major_axis"] = vec(fit->a_axis());
-  out["residual"] = fit->chi();
-  return out;
+  return dict_of("centre", fit->centre(), "normal", fit->workplane().normal(), "major", fit->a_length(), "minor",
+                 fit->b_length(), "major_axis", fit->a_axis(), "residual", fit->chi());
 }
 
 py::dict direct_sphere(py::handle pts) {
   Points3 p(pts, "points", 4);
   auto fit = unlocked([&] { return std::make_unique<gfSphereFit>(p.array()); });
   direct_status(fit->status(), "direct_sphere", p);
-  py::dict out;
-  out["centre"] = vec(fit->centre());
-  out["radius"] = fit->radius();
-  out["residual"] = fit->chi();
-  return out;
+  return dict_of("centre", fit->centre(), "radius", fit->radius(), "residual", fit->chi());
 }
 
 // ---- extremal fits, hull, containment cone ----------------------------------------------------
 
 py::dict circle_result(giCircle2 const& c, char const* entry, Points2 const& p) {
   if (c.invalid()) fit_failed(entry, p);
-  py::dict out;
-  out["centre"] = vec(c.centre());
-  out["radius"] = c.radius();
-  return out;
+  return dict_of("centre", vec(c.centre()), "radius", c.radius());
 }
 
 py::dict min_circumscribed_circle(py::handle pts, py::handle radii_obj, bool outer) {
@@ -950,18 +792,14 @@ py::dict containment_cone(py::handle dirs) {
   }
   giUnitVec3 axis;
   giAngle angle;
-  if (!unlocked([&] { return gfContainmentCone(directions).solve(axis, angle); })) fit_failed("containment_cone");
-  py::dict out;
-  out["axis"] = vec(axis);
-  out["half_angle"] = angle.radians();
-  return out;
+  run("containment_cone", [&] { return gfContainmentCone(directions).solve(axis, angle); });
+  return dict_of("axis", axis, "half_angle", angle.radians());
 }
 
 // ---- affine match -------------------------------------------------------------------------------
 
 py::dict affine_match(py::handle from_obj, py::handle to_obj) {
   const int dim = columns_of(from_obj, "source");
-  py::dict out;
   if (dim == 3) {
     Points3 a(from_obj, "source", 1), b(to_obj, "target", 1);
     if (a.count() != b.count())
@@ -969,18 +807,14 @@ py::dict affine_match(py::handle from_obj, py::handle to_obj) {
                                     std::to_string(a.count()));
     giXform3 x;
     double rms = 0.0;
-    if (!unlocked([&] { return gfPointsAffineMatch::match(a.array(), b.array(), x, rms); }))
-      fit_failed("affine_match", a, b);
+    run("affine_match", [&] { return gfPointsAffineMatch::match(a.array(), b.array(), x, rms); }, a, b);
     py::array_t<double> m({3, 3});
     py::array_t<double> t(3);
     for (int r = 0; r < 3; ++r) {
       for (int c = 0; c < 3; ++c) m.mutable_at(r, c) = x(r, c);
       t.mutable_at(r) = x(r, 3);
     }
-    out["matrix"] = m;
-    out["translation"] = t;
-    out["rms"] = rms;
-    return out;
+    return dict_of("matrix", m, "translation", t, "rms", rms);
   }
   Points2 a(from_obj, "source", 1), b(to_obj, "target", 1);
   if (a.count() != b.count())
@@ -988,17 +822,130 @@ py::dict affine_match(py::handle from_obj, py::handle to_obj) {
                                   std::to_string(a.count()));
   giXform2 x;
   double rms = 0.0;
-  if (!unlocked([&] { return gfPointsAffineMatch::match(a.array(), b.array(), x, rms); })) fit_failed("affine_match", a, b);
+  run("affine_match", [&] { return gfPointsAffineMatch::match(a.array(), b.array(), x, rms); }, a, b);
   py::array_t<double> m({2, 2});
   py::array_t<double> t(2);
   for (int r = 0; r < 2; ++r) {
     for (int c = 0; c < 2; ++c) m.mutable_at(r, c) = x(r, c);
     t.mutable_at(r) = x(r, 2);
   }
-  out["matrix"] = m;
-  out["translation"] = t;
-  out["rms"] = rms;
-  return out;
+  return dict_of("matrix", m, "translation", t, "rms", rms);
+}
+
+// ---- rigid alignments -------------------------------------------------------------------------
+
+// The rigid transform taking each source point onto its target (least squares), its matrix
+// and translation, and the RMS of |X a - b| over the pairs.
+template <class P, int D, class X>
+py::dict rigid_pairs(py::handle from_obj, py::handle to_obj) {
+  Points<P, D> a(from_obj, "source", 1, true), b(to_obj, "target", 1, true);
+  if (a.count() != b.count())
+    refuse_argument("target", "one target per source point: " + std::to_string(b.count()) + " for " +
+                                  std::to_string(a.count()));
+  X x;
+  double rms = 0.0;
+  run("points_to_points", [&] {
+    gfPointsToPoints pp;
+    for (int i = 0; i < a.count(); ++i) pp.add_pair(a.array()[i], b.array()[i]);
+    if (!pp.get_xform(x)) return 0;
+    double squares = 0.0;
+    for (int i = 0; i < a.count(); ++i) squares += (x * a.array()[i] - b.array()[i]).squared_length();
+    rms = std::sqrt(squares / a.count());
+    return 1;
+  });
+  py::array_t<double> m({D, D});
+  py::array_t<double> t(D);
+  for (int r = 0; r < D; ++r) {
+    for (int c = 0; c < D; ++c) m.mutable_at(r, c) = x(r, c);
+    t.mutable_at(r) = x(r, D);
+  }
+  return dict_of("matrix", py::object(m), "translation", py::object(t), "rms", rms);
+}
+
+// In space only: the library's plane variant reads its cross sums with the stride of the
+// space variant and is exact only for pairs centred on their first points.
+py::dict points_to_points(py::handle from_obj, py::handle to_obj) {
+  return rigid_pairs<giPoint3, 3, giXform3>(from_obj, to_obj);
+}
+
+// One linearised step of measured points onto the tangent planes at their nominal points.
+giVector3 as_vector(giPoint3 const& p) { return {p.x(), p.y(), p.z()}; }
+
+py::dict points_to_planes_step(py::handle measured_obj, py::handle nominal_obj, py::handle normals_obj,
+                               py::handle lower_obj, py::handle upper_obj, py::handle weights_obj,
+                               bool translations_only, double attraction) {
+  Points3 m(measured_obj, "measured", 1, true);
+  const int n = m.count();
+  Points3 q(nominal_obj, "nominal", n, true);
+  if (q.count() != n) refuse_argument("nominal", "one nominal point per measured point is needed");
+  Points3 normals(normals_obj, "normals", n, true);
+  if (normals.count() != n) refuse_argument("normals", "one normal per measured point is needed");
+  auto column = [&](py::handle obj, char const* name, double fill) {
+    std::vector<double> v(static_cast<size_t>(n), fill);
+    if (obj.is_none()) return v;
+    Doubles d = as_doubles(obj, name, -1, 0);
+    if (d.shape(0) != n) refuse_argument(name, "one value per measured point is needed");
+    for (int i = 0; i < n; ++i) {
+      if (std::isnan(d.data()[i])) refuse_argument(name, "row " + std::to_string(i) + " is not a number");
+      v[static_cast<size_t>(i)] = d.data()[i];
+    }
+    return v;
+  };
+  const std::vector<double> lower = column(lower_obj, "lower", -DBL_MAX), upper = column(upper_obj, "upper", DBL_MAX);
+  const std::vector<double> weights = column(weights_obj, "weights", 1.0);
+  if (!std::isfinite(attraction) || attraction < 0.0) refuse_argument("attraction", "finite and >= 0");
+  giXform3 step;
+  intcoDynArr left_out;
+  run("points_to_planes_step", [&] {
+    gfPointsToPlanes solver;
+    solver.reserve_bestfit(n);
+    for (int i = 0; i < n; ++i)
+      solver.add_bestfit(m.array()[i], q.array()[i], as_vector(normals.array()[i]), std::max(lower[i], -DBL_MAX),
+                         std::min(upper[i], DBL_MAX), weights[i]);
+    if (translations_only)
+      solver.lock_rotations(giVector3(1, 0, 0), giVector3(-DBL_MAX, 0, 0), giVector3(-DBL_MAX, 0, 0));
+    solver.set_fitting_points_attraction(attraction);
+    const int status = solver.single_linear_step(step);
+    left_out = solver.overdetermined_constraints();
+    return status;
+  });
+  py::array_t<double> mat({3, 3});
+  py::array_t<double> t(3);
+  for (int r = 0; r < 3; ++r) {
+    for (int c = 0; c < 3; ++c) mat.mutable_at(r, c) = step(r, c);
+    t.mutable_at(r) = step(r, 3);
+  }
+  py::array_t<int> contradictory(static_cast<py::ssize_t>(left_out.count()));
+  std::copy(left_out.begin(), left_out.end(), contradictory.mutable_data());
+  return dict_of("matrix", py::object(mat), "translation", py::object(t), "contradictory_limits",
+                 py::object(contradictory));
+}
+
+// ---- minimum-zone form ---------------------------------------------------------------------------
+
+py::dict minimum_zone(std::string const& kind, py::handle pts) {
+  int (*fit)(giPoint3coDynArr const&, gfMinimumZone&) = nullptr;
+  if (kind == "plane") fit = gfMinimumZoneFit::plane;
+  if (kind == "line") fit = gfMinimumZoneFit::line3;
+  if (kind == "sphere") fit = gfMinimumZoneFit::sphere;
+  if (kind == "cylinder") fit = gfMinimumZoneFit::cylinder;
+  if (!fit) refuse_argument("element", "no minimum zone for a " + kind + " (plane, line, sphere, cylinder)");
+  Points3 p(pts, "points", 1);
+  gfMinimumZone z;
+  const std::string entry = "minimum_zone_" + kind;
+  run(entry.c_str(), [&] { return fit(p.array(), z); }, p);
+  auto indices = [](intcoDynArr const& idx) {
+    py::array_t<int> a(static_cast<py::ssize_t>(idx.count()));
+    std::copy(idx.begin(), idx.end(), a.mutable_data());
+    return py::object(a);
+  };
+  auto direction = [](giUnitVec3 const& u) { return u.invalid() ? py::object(py::none()) : py::object(vec(u)); };
+  return dict_of("status", z.status, "certified", z.status == gfMinimumZoneFit::certified, "width", z.width,
+                 "point", z.point, "direction", direction(z.direction), "radius", z.radius, "least_squares_width",
+                 z.least_squares_width, "least_squares_point", z.least_squares_point, "least_squares_direction",
+                 direction(z.least_squares_direction), "least_squares_radius", z.least_squares_radius, "outer",
+                 indices(z.outer), "inner", indices(z.inner), "certificate", z.certificate, "iterations",
+                 z.iterations);
 }
 
 // ---- per-point distances and distribution quality -----------------------------------------------
@@ -1115,20 +1062,28 @@ py::array_t<double> residuals(std::string const& kind, py::dict fields, py::hand
     const giVector3 y_axis = nrm.cross(giVector3(x_axis));
     const double a = kind == "ellipse" ? f.num("major") : f.num("radius");
     const double b = kind == "ellipse" ? f.num("minor") : a;
-    py::array_t<double> out(p.count());
+    const int n = p.count();
+    py::array_t<double> out(n);
     double* o = out.mutable_data();
-    for (int i = 0; i < p.count(); ++i) {
-      const giVector3 d = p.array()[i] - c;
-      const double h = nrm.dot(d);
-      double in_plane;
-      if (kind == "circle") {
-        in_plane = nrm.cross(d).length() - a;
-      } else {
-        double fx, fy;
-        in_plane = gfit::detail::ellipse_frame_distance(a, b, x_axis.dot(d), y_axis.dot(d), fx, fy);
+    if (kind == "circle") {
+      for (int i = 0; i < n; ++i) {
+        const giVector3 d = p.array()[i] - c;
+        o[i] = with_height(nrm.cross(d).length() - a, nrm.dot(d));
       }
-      o[i] = with_height(in_plane, h);
+      return out;
     }
+    // The ellipse: the points in the frame of its axes, measured by the plane ellipse
+    // problem placed at that frame's origin (angle 0), then their heights added.
+    giPoint2coDynArr in_plane(n, 16);
+    for (int i = 0; i < n; ++i) {
+      const giVector3 d = p.array()[i] - c;
+      in_plane.append(giPoint2(x_axis.dot(d), y_axis.dot(d)));
+    }
+    gfLeastSquareEllipse problem(in_plane);
+    std::vector<double> squares(static_cast<size_t>(n));
+    problem.set_parameters(mlVector{a, b, 0.0, 0.0, 0.0});
+    problem.evaluate_distances(0, n, o, squares.data());
+    for (int i = 0; i < n; ++i) o[i] = with_height(o[i], nrm.dot(p.array()[i] - c));
     return out;
   }
   need(false);
@@ -1260,8 +1215,9 @@ double distribution_quality(std::string const& kind, py::dict fields, py::handle
       auto u = f.u3("axis");
       double t = f.num("half_angle");
       q = unlocked([&] {
-        return kind == "cone" ? Q::distribution_quality_cone(p.array(), a, u, t)
-                              : Q::distribution_quality_probed_cone(p.array(), radii, inside, contacts.array(), a, u, t);
+        return kind == "cone"
+                   ? Q::distribution_quality_cone(p.array(), a, u, t)
+                   : Q::distribution_quality_probed_cone(p.array(), radii, inside, contacts.array(), a, u, t);
       });
     } else if (kind == "torus") {
       auto c = f.p3("centre");
@@ -1273,6 +1229,76 @@ double distribution_quality(std::string const& kind, py::dict fields, py::handle
   if (q < 0.0) refuse_argument("kind", "no distribution quality for a " + kind + " of these points");
   if (q == 0.0 && gfLastReason() != gfReason::none) fit_failed("distribution_quality");
   return q;
+}
+
+// ---- uncertainty of least-squares elements -----------------------------------------------------
+
+py::dict uncertainty(std::string const& kind, py::dict fields, py::handle pts) {
+  using U = gfLeastSquareUncertainty;
+  const Params f{fields};
+  gfElementUncertainty u;
+  auto no_figures = [&] { refuse_argument("kind", "no uncertainty for a " + kind + " of these points"); };
+  if (columns_of(pts, "points") == 2) {
+    Points2 p(pts, "points", 1);
+    if (kind == "line") {
+      const giPoint2 point = f.p2("point");
+      const auto d = f.get("direction", 2);
+      const giUnitVec2 direction(d[0], d[1]);
+      run("uncertainty", [&] { return U::line(p.array(), point, direction, u); }, p);
+    } else if (kind == "circle") {
+      const giPoint2 c = f.p2("centre");
+      const double r = f.num("radius");
+      run("uncertainty", [&] { return U::circle(p.array(), c, r, u); }, p);
+    } else if (kind == "ellipse" && !fields.contains("normal")) {
+      const giPoint2 c = f.p2("centre");
+      const double a = f.num("major"), b = f.num("minor"), angle = f.num("angle");
+      run("uncertainty", [&] { return U::ellipse(p.array(), c, a, b, angle, u); }, p);
+    } else {
+      no_figures();
+    }
+  } else {
+    Points3 p(pts, "points", 1);
+    if (kind == "line") {
+      const giPoint3 point = f.p3("point");
+      const giUnitVec3 d = f.u3("direction");
+      run("uncertainty", [&] { return U::line3(p.array(), point, d, u); }, p);
+    } else if (kind == "plane") {
+      const giPoint3 point = f.p3("point");
+      const giUnitVec3 normal = f.u3("normal");
+      run("uncertainty", [&] { return U::plane(p.array(), point, normal, u); }, p);
+    } else if (kind == "circle" && fields.contains("normal")) {
+      const giPoint3 c = f.p3("centre");
+      const giUnitVec3 normal = f.u3("normal");
+      const double r = f.num("radius");
+      run("uncertainty", [&] { return U::circle3(p.array(), c, normal, r, u); }, p);
+    } else if (kind == "sphere") {
+      const giPoint3 c = f.p3("centre");
+      const double r = f.num("radius");
+      run("uncertainty", [&] { return U::sphere(p.array(), c, r, u); }, p);
+    } else if (kind == "cylinder") {
+      const giPoint3 a = f.p3("point");
+      const giUnitVec3 d = f.u3("direction");
+      const double r = f.num("radius");
+      run("uncertainty", [&] { return U::cylinder(p.array(), a, d, r, u); }, p);
+    } else if (kind == "cone") {
+      const giPoint3 apex = f.p3("apex");
+      const giUnitVec3 axis = f.u3("axis");
+      const double t = f.num("half_angle");
+      run("uncertainty", [&] { return U::cone(p.array(), apex, axis, t, u); }, p);
+    } else if (kind == "torus") {
+      const giPoint3 c = f.p3("centre");
+      const giUnitVec3 axis = f.u3("axis");
+      const double r1 = f.num("r1"), r2 = f.num("r2");
+      run("uncertainty", [&] { return U::torus(p.array(), c, axis, r1, r2, u); }, p);
+    } else {
+      no_figures();
+    }
+  }
+  return dict_of("sigma", u.sigma, "degrees_of_freedom", u.degrees_of_freedom, "position",
+                 py::object(vec({u.position[0], u.position[1], u.position[2]})), "radius", u.radius, "diameter",
+                 u.diameter, "second_radius", u.second_radius, "axis_angle", u.axis_angle, "half_angle",
+                 u.half_angle, "offset", u.offset, "axis_point", u.axis_point, "independent",
+                 py::object(matrix(u.independent)), "parameters", py::object(matrix(u.parameters)));
 }
 
 // ---- CAD deviations -------------------------------------------------------------------------------
@@ -1319,8 +1345,9 @@ py::dict cad_deviations(CadPart const& part, py::handle pts, double radius) {
       giPoint3 const& pt = p.array()[i];
       giUnitVec3 outward;
       part.surface->project(pt, feet, [](tskSurfPoint const& foot) { return foot.distance; });
-      const bool seen = !feet.empty() && part.surface->normal(feet[0], 1e-5, 1e-5, outward) &&
-                        (feet[0].distance < 1e-4 || outward.cross(pt - feet[0].point).length() <= 0.01 * feet[0].distance);
+      const bool seen =
+          !feet.empty() && part.surface->normal(feet[0], 1e-5, 1e-5, outward) &&
+          (feet[0].distance < 1e-4 || outward.cross(pt - feet[0].point).length() <= 0.01 * feet[0].distance);
       gfProjectedPoint3 record;
       if (seen) gfProbedPoint3(pt, outward, radius).project_from_position(identity, record, &projector);
       ok[i] = !record.invalid();
@@ -1337,17 +1364,152 @@ py::dict cad_deviations(CadPart const& part, py::handle pts, double radius) {
       }
     }
   }
-  py::dict out;
-  out["nominal"] = nominal;
-  out["normal"] = normal;
-  out["deviation"] = deviation;
-  out["valid"] = valid;
-  out["count"] = n;
-  out["invalid"] = n - accepted;
-  out["min"] = accepted ? lowest : NAN;
-  out["max"] = accepted ? highest : NAN;
-  out["rms"] = accepted ? std::sqrt(squares / accepted) : NAN;
-  return out;
+  return dict_of("nominal", nominal, "normal", normal, "deviation", deviation, "valid", valid, "count", n, "invalid",
+                 n - accepted, "min", accepted ? lowest : NAN, "max", accepted ? highest : NAN, "rms",
+                 accepted ? std::sqrt(squares / accepted) : NAN);
+}
+
+// The surface best fit of measured points to a CAD part, as `gfit align` does it: an optional
+// rough alignment from corresponding points, approximate normals from each point's nearest
+// foot (a point that no foot sees along its normal is left out and reported invalid), then
+// the best fit under tolerance bands and locks, or the alignment with x and y scale factors
+// when `scale_passes` > 0.
+py::dict cad_align(CadPart const& part, py::handle pts, double tol, py::handle pairs_measured,
+                   py::handle pairs_nominal, py::handle bands_obj, py::handle lock_origin_obj,
+                   py::handle lock_rotations_obj, int scale_passes) {
+  if (!(tol > 0.0) || !std::isfinite(tol)) refuse_argument("tol", "a positive tolerance");
+  if (scale_passes < 0 || scale_passes > 1000) refuse_argument("scale_passes", "a count of passes from 0 to 1000");
+  const bool locked = !bands_obj.is_none() || !lock_origin_obj.is_none() || !lock_rotations_obj.is_none();
+  if (scale_passes > 0 && locked) refuse_argument("scale_passes", "the scaled alignment takes no locks or bands");
+  Points3 measured(pts, "points", 3, true);
+  const int n = measured.count();
+  Points3 pm, pn;
+  if (pairs_measured.is_none() != pairs_nominal.is_none())
+    refuse_argument(pairs_measured.is_none() ? "pairs_measured" : "pairs_nominal", "rough pairs need both arrays");
+  if (!pairs_measured.is_none()) {
+    pm = Points3(pairs_measured, "pairs_measured", 3, true);
+    pn = Points3(pairs_nominal, "pairs_nominal", 3, true);
+    if (pm.count() != pn.count()) refuse_argument("pairs_nominal", "one nominal point per measured pair point");
+  }
+  std::vector<double> lower(static_cast<size_t>(n), -DBL_MAX), upper(static_cast<size_t>(n), DBL_MAX);
+  if (!bands_obj.is_none()) {
+    Doubles b = as_doubles(bands_obj, "bands", 2, 0);
+    if (b.shape(0) != n) refuse_argument("bands", "one (lower, upper) row per point is needed");
+    require_finite(b.data(), b.size(), 2, "bands");
+    for (int i = 0; i < n; ++i) lower[i] = b.data()[2 * i], upper[i] = b.data()[2 * i + 1];
+  }
+  std::vector<giPoint3> origin_lock;
+  if (!lock_origin_obj.is_none()) {
+    Doubles o = as_doubles(lock_origin_obj, "lock_origin", 3, 2);
+    if (o.shape(0) != 2) refuse_argument("lock_origin", "two rows: the measured point and the nominal point");
+    require_finite(o.data(), 6, 3, "lock_origin");
+    origin_lock = {giPoint3(o.data()[0], o.data()[1], o.data()[2]), giPoint3(o.data()[3], o.data()[4], o.data()[5])};
+  }
+  std::vector<giVector3> rotation_locks;
+  if (!lock_rotations_obj.is_none()) {
+    Doubles r = as_doubles(lock_rotations_obj, "lock_rotations", 3, 1);
+    if (r.shape(0) > 3) refuse_argument("lock_rotations", "one to three axes");
+    require_finite(r.data(), r.size(), 3, "lock_rotations");
+    for (int i = 0; i < r.shape(0); ++i)
+      rotation_locks.emplace_back(r.data()[3 * i], r.data()[3 * i + 1], r.data()[3 * i + 2]);
+    rotation_locks.resize(3, giVector3());
+  }
+
+  giXform3 rough(giXformIdentity{}), result;
+  double sx = 1.0, sy = 1.0;
+  int status = 0, steps = 0;
+  std::vector<int> fitted;
+  gfProjectedPoint3coDynArr cloud;
+  intcoDynArr contradictory;
+  std::string failure;
+  {
+    py::gil_scoped_release release;
+    auto& surface = *part.surface;
+    [&] {
+      if (pm.count() > 0) {
+        gfPointsToPoints pp;
+        for (int i = 0; i < pm.count(); ++i) pp.add_pair(pm.array()[i], pn.array()[i]);
+        if (!pp.get_xform(rough)) {
+          failure = std::string("pairs_measured: the pairs do not fix a transform: ") + gfLastReasonText();
+          return;
+        }
+      }
+      std::vector<gfFitPoint3coPrf> points;
+      tskSurfPointList feet;
+      for (int i = 0; i < n; ++i) {
+        giPoint3 p = rough * measured.array()[i];
+        giUnitVec3 outward;
+        surface.project(p, feet, [](tskSurfPoint const& foot) { return foot.distance; });
+        const bool seen =
+            !feet.empty() && surface.normal(feet[0], 1e-5, 1e-5, outward) &&
+            (feet[0].distance < 1e-4 || outward.cross(p - feet[0].point).length() <= 0.01 * feet[0].distance);
+        if (!seen) continue;
+        points.emplace_back(new gfProbedPoint3(p, outward, 0.0));
+        fitted.push_back(i);
+      }
+      if (points.size() < 3) {
+        failure = "points: fewer than 3 points lie over a face of the part";
+        return;
+      }
+      gfSurfProjectorForFitting3 projector(surface);
+      gfSurfaceBestfit bf;
+      bf.set_projector(&projector);
+      bf.reserve_points(n);
+      for (size_t k = 0; k < points.size(); ++k) bf.add_point(points[k], lower[fitted[k]], upper[fitted[k]], 1.0);
+      if (!origin_lock.empty()) bf.lock_origin(rough * origin_lock[0], origin_lock[1]);
+      if (!rotation_locks.empty()) bf.lock_rotations(rotation_locks[0], rotation_locks[1], rotation_locks[2]);
+      if (scale_passes > 0) {
+        giPoint3coPageArr none, cloud_points;
+        for (int i : fitted) cloud_points.append(measured.array()[i]);
+        giXform3 start = rough;
+        // The alignment may hand back the part scaled by the factors found; the deviations
+        // are measured from that one, and the caller's part is left as it was.
+        tskSurfPtr scaled_part = part.surface;
+        gfBestfitAlignmentWithScale::get_alignment(scaled_part, none, none, cloud_points, tol,
+                                                   gfSurfaceBestfit::max_steps, start, result, sx, sy, scale_passes);
+        status = result.is_unset() ? 0 : 1;
+        gfSurfProjectorForFitting3 scaled(*scaled_part);
+        cloud.expand(static_cast<int>(points.size()));
+        for (size_t k = 0; k < points.size(); ++k)
+          points[k]->project_from_position(result * giXform3(giXformInverse{}, rough), cloud[static_cast<int>(k)],
+                                           &scaled);
+      } else {
+        double dmax = 0, smax = 0, smin = 0;
+        int n_invalid = 0;
+        status = bf.fit(tol, result, dmax, smax, smin, n_invalid);
+        if (!result.is_unset()) result = result * rough;
+        cloud = bf.get_pointcloud();
+        steps = bf.steps_taken();
+      }
+      contradictory = bf.overdetermined_constraints();
+      if (status != 1 && result.is_unset()) failure = std::string("cad_align: ") + gfLastReasonText();
+    }();
+  }
+  if (!failure.empty()) throw py::value_error(failure);
+
+  py::array_t<double> deviation(n);
+  double* dev = deviation.mutable_data();
+  std::fill(dev, dev + n, NAN);
+  double squares = 0, lowest = INFINITY, highest = -INFINITY;
+  int valid = 0;
+  for (int k = 0; k < cloud.count(); ++k) {
+    if (cloud[k].invalid()) continue;
+    const double s = cloud[k].signed_distance();
+    dev[fitted[k]] = s;
+    squares += s * s;
+    lowest = std::min(lowest, s);
+    highest = std::max(highest, s);
+    ++valid;
+  }
+  py::array_t<double> transform({4, 4});
+  for (int r = 0; r < 4; ++r)
+    for (int c = 0; c < 4; ++c) transform.mutable_at(r, c) = r < 3 ? result(r, c) : (c == 3 ? 1.0 : 0.0);
+  py::array_t<int> left_out(static_cast<py::ssize_t>(contradictory.count()));
+  std::copy(contradictory.begin(), contradictory.end(), left_out.mutable_data());
+  return dict_of("status", status, "transform", py::object(transform), "deviation", py::object(deviation), "rms",
+                 valid ? std::sqrt(squares / valid) : NAN, "min", valid ? lowest : NAN, "max",
+                 valid ? highest : NAN, "invalid", n - valid, "steps", steps, "scale_x", sx, "scale_y", sy,
+                 "contradictory_limits", py::object(left_out));
 }
 #endif
 
@@ -1418,6 +1580,12 @@ PYBIND11_MODULE(_core, m) {
   m.def("convex_hull_indices", &convex_hull_indices, arg("points"));
   m.def("containment_cone", &containment_cone, arg("directions"));
   m.def("affine_match", &affine_match, arg("source"), arg("target"));
+  m.def("points_to_points", &points_to_points, arg("source"), arg("target"));
+  m.def("points_to_planes_step", &points_to_planes_step, arg("measured"), arg("nominal"), arg("normals"),
+        arg("lower") = none, arg("upper") = none, arg("weights") = none, arg("translations_only") = false,
+        arg("attraction") = 0.0);
+  m.def("minimum_zone", &minimum_zone, arg("element"), arg("points"));
+  m.def("uncertainty", &uncertainty, arg("kind"), arg("fields"), arg("points"));
   m.def("residuals", &residuals, arg("kind"), arg("fields"), arg("points"), arg("radii") = none,
         arg("inside") = false, arg("normals") = none);
   m.def("distribution_quality", &distribution_quality, arg("kind"), arg("fields"), arg("points"),
@@ -1436,6 +1604,9 @@ PYBIND11_MODULE(_core, m) {
       });
   m.def("read_cad", &read_cad, arg("path"));
   m.def("cad_deviations", &cad_deviations, arg("part"), arg("points"), arg("radius") = 0.0);
+  m.def("cad_align", &cad_align, arg("part"), arg("points"), arg("tol") = 1e-6, arg("pairs_measured") = none,
+        arg("pairs_nominal") = none, arg("bands") = none, arg("lock_origin") = none, arg("lock_rotations") = none,
+        arg("scale_passes") = 0);
   m.attr("has_cad") = true;
 #else
   m.attr("has_cad") = false;

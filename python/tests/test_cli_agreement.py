@@ -1,6 +1,8 @@
 """The Python results equal the command-line program's, bit for bit, on the sample data: the
 same library calls on the same doubles (the program prints the shortest text that reads
 back to the same double)."""
+import math
+
 import numpy as np
 import pytest
 
@@ -88,3 +90,59 @@ def test_cad_deviations_equal_to_cli():
             assert (r["nominal"], r["normal"], r["deviation"]) == (nominal.tolist(), normal.tolist(), d)
     for key in ("count", "min", "max", "rms"):
         assert cli["summary"][key] == getattr(dev, key), key
+
+
+FORMS = [
+    # CLI form, sample file, Python call, names of the CLI's direction and radius fields
+    ("plane", "plane.xyz", gfit.minimum_zone_plane, "normal", False),
+    ("line3", "line.xyz", gfit.minimum_zone_line, "direction", False),
+    ("cylinder", "cylinder.xyz", gfit.minimum_zone_cylinder, "direction", True),
+    ("sphere", "probed-sphere.xyzr", gfit.minimum_zone_sphere, None, True),
+]
+
+
+@pytest.mark.parametrize("form,name,call,direction,radial", FORMS, ids=[f[0] for f in FORMS])
+def test_minimum_zone_equal_to_cli(form, name, call, direction, radial, tmp_path):
+    pts = load(name)[:, :3]
+    path = DATA / name
+    if name.endswith(".xyzr"):
+        path = tmp_path / "centres.xyz"
+        np.savetxt(path, pts, fmt="%.17g")
+    cli = run_cli("form", form, path)
+    z = call(pts)
+    assert cli["status"] == z.status
+    assert cli["minimum_zone_width"] == z.width and cli["least_squares_width"] == z.least_squares_width
+    assert 0 < z.width <= z.least_squares_width
+    assert cli["minimum_zone_point"] == z.point.tolist()
+    assert cli["least_squares_point"] == z.least_squares_point.tolist()
+    if direction:
+        assert cli["minimum_zone_" + direction] == z.direction.tolist()
+        assert cli["least_squares_" + direction] == z.least_squares_direction.tolist()
+    else:
+        assert z.direction is None
+    if radial:
+        assert cli["minimum_zone_radius"] == z.radius
+    assert cli["outer_contacts"] == z.outer_points.tolist()
+    if form != "line3":
+        assert cli["inner_contacts"] == z.inner_points.tolist()
+    assert cli["certificate"] == z.certificate and cli["iterations"] == z.iterations
+
+
+def test_alignment_to_cad_equal_to_cli():
+    if not gfit._core.has_cad:
+        pytest.skip("built without gfit::cad")
+    pts = load("bracket-displaced.xyz")
+    for options, kwargs in (([], {}), (["--lock-rotations", "0,0,1"], {"lock_rotations": [[0, 0, 1]]}),
+                            (["--scale", "2"], {"scale_passes": 2})):
+        cli = run_cli("align", "--cad", DATA / "bracket.step", DATA / "bracket-displaced.xyz", "--json", *options)
+        a = gfit.align_to_cad(DATA / "bracket.step", pts, **kwargs)
+        assert cli["status"] == a.status == 1
+        assert cli["transform"] == a.transform.tolist()
+        cli_dev = [d[1] for d in cli["deviations"]]
+        assert [v for v in cli_dev if v is not None and math.isfinite(v)] == a.deviation[np.isfinite(a.deviation)].tolist()
+        for key in ("rms", "min", "max", "invalid"):
+            assert cli["summary"][key] == getattr(a, key), key
+        if kwargs.get("scale_passes"):
+            assert (cli["summary"]["scale_x"], cli["summary"]["scale_y"]) == (a.scale_x, a.scale_y)
+        else:
+            assert cli["summary"]["steps"] == a.steps

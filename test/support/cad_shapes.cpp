@@ -1,5 +1,8 @@
 #include "test/support/cad_shapes.h"
 
+#include "gfit/cad/occt.h"
+#include "tools/demo_part.h"
+
 #include <BRepAlgoAPI_Fuse.hxx>
 #include <BRepBuilderAPI_MakeEdge.hxx>
 #include <BRepBuilderAPI_MakeFace.hxx>
@@ -54,32 +57,32 @@ TopoDS_Face holed_rectangle(double x0, double y0, double x1, double y1, std::vec
 }  // namespace
 
 tskSurfPtr plane_face(giPoint3 const& origin, giUnitVec3 const& normal, double half_size) {
-  return tskSurf::from_shape(
+  return tskSurfFromShape(
       BRepBuilderAPI_MakeFace(gp_Pln(frame(origin, normal)), -half_size, half_size, -half_size, half_size).Face());
 }
 
 tskSurfPtr cylinder_face(giPoint3 const& origin, giUnitVec3 const& axis, double radius, double height) {
-  return tskSurf::from_shape(
+  return tskSurfFromShape(
       BRepBuilderAPI_MakeFace(gp_Cylinder(frame(origin, axis), radius), 0, 2 * giPi, 0, height).Face());
 }
 
 tskSurfPtr half_cylinder_face(giPoint3 const& origin, giUnitVec3 const& axis, double radius, double height) {
-  return tskSurf::from_shape(
+  return tskSurfFromShape(
       BRepBuilderAPI_MakeFace(gp_Cylinder(frame(origin, axis), radius), -giPi / 2, giPi / 2, 0, height).Face());
 }
 
 tskSurfPtr sphere_face(giPoint3 const& centre, double radius) {
-  return tskSurf::from_shape(BRepBuilderAPI_MakeFace(gp_Sphere(frame(centre, giUnitVec3(0, 0, 1)), radius)).Face());
+  return tskSurfFromShape(BRepBuilderAPI_MakeFace(gp_Sphere(frame(centre, giUnitVec3(0, 0, 1)), radius)).Face());
 }
 
 tskSurfPtr cone_face(giPoint3 const& origin, giUnitVec3 const& axis, double radius, double half_angle, double height) {
   double slant = height / std::cos(half_angle);
-  return tskSurf::from_shape(
+  return tskSurfFromShape(
       BRepBuilderAPI_MakeFace(gp_Cone(frame(origin, axis), half_angle, radius), 0, 2 * giPi, 0, slant).Face());
 }
 
 tskSurfPtr torus_face(giPoint3 const& centre, giUnitVec3 const& axis, double major, double minor) {
-  return tskSurf::from_shape(BRepBuilderAPI_MakeFace(gp_Torus(frame(centre, axis), major, minor)).Face());
+  return tskSurfFromShape(BRepBuilderAPI_MakeFace(gp_Torus(frame(centre, axis), major, minor)).Face());
 }
 
 double bspline_height(double x, double y) { return 5.0 * std::sin(x / 15.0) * std::cos(y / 20.0); }
@@ -93,29 +96,29 @@ tskSurfPtr bspline_face() {
       grid.SetValue(i, j, gp_Pnt(x, y, bspline_height(x, y)));
     }
   Handle(Geom_BSplineSurface) s = GeomAPI_PointsToBSplineSurface(grid, 3, 3, GeomAbs_C2, 1e-9).Surface();
-  return tskSurf::from_shape(BRepBuilderAPI_MakeFace(s, 1e-7).Face());
+  return tskSurfFromShape(BRepBuilderAPI_MakeFace(s, 1e-7).Face());
 }
 
 tskSurfPtr box(giPoint3 const& corner, double dx, double dy, double dz) {
-  return tskSurf::from_shape(BRepPrimAPI_MakeBox(occ(corner), dx, dy, dz).Shape());
+  return tskSurfFromShape(BRepPrimAPI_MakeBox(occ(corner), dx, dy, dz).Shape());
 }
 
 tskSurfPtr flanged_cylinder() {
   TopoDS_Shape shaft = BRepPrimAPI_MakeCylinder(gp_Ax2(gp_Pnt(0, 0, 0), gp::DZ()), 10.0, 40.0).Shape();
   TopoDS_Shape flange = BRepPrimAPI_MakeCylinder(gp_Ax2(gp_Pnt(0, 0, 0), gp::DZ()), 25.0, 5.0).Shape();
-  return tskSurf::from_shape(BRepAlgoAPI_Fuse(shaft, flange).Shape());
+  return tskSurfFromShape(BRepAlgoAPI_Fuse(shaft, flange).Shape());
 }
 
 tskSurfPtr plate_with_hole() {
   TopoDS_Face base = holed_rectangle(0, 0, 100, 60, {gp_Pnt(30, 30, 0)}, 8.0);
-  return tskSurf::from_shape(BRepPrimAPI_MakePrism(base, gp_Vec(0, 0, 10)).Shape());
+  return tskSurfFromShape(BRepPrimAPI_MakePrism(base, gp_Vec(0, 0, 10)).Shape());
 }
 
 tskSurfPtr filleted_block() {
   TopoDS_Shape block = BRepPrimAPI_MakeBox(60, 40, 30).Shape();
   BRepFilletAPI_MakeFillet fillet(block);
   for (TopExp_Explorer e(block, TopAbs_EDGE); e.More(); e.Next()) fillet.Add(5.0, TopoDS::Edge(e.Current()));
-  return tskSurf::from_shape(fillet.Shape());
+  return tskSurfFromShape(fillet.Shape());
 }
 
 tskSurfPtr holed_plate(int n) {
@@ -123,50 +126,25 @@ tskSurfPtr holed_plate(int n) {
   for (int i = 0; i < n; ++i)
     for (int j = 0; j < n; ++j) centres.emplace_back(10.0 * i + 5.0, 10.0 * j + 5.0, 0.0);
   TopoDS_Face base = holed_rectangle(0, 0, 10.0 * n, 10.0 * n, centres, 3.0);
-  return tskSurf::from_shape(BRepPrimAPI_MakePrism(base, gp_Vec(0, 0, 8)).Shape());
+  return tskSurfFromShape(BRepPrimAPI_MakePrism(base, gp_Vec(0, 0, 8)).Shape());
 }
 
-tskSurfPtr demo_bracket() {
-  double const w = 80, h = 50, r = 6;
-  gp_Pnt corner[4] = {{r, 0, 0}, {w, r, 0}, {w - r, h, 0}, {0, h - r, 0}};
-  gp_Pnt centre[4] = {{w - r, r, 0}, {w - r, h - r, 0}, {r, h - r, 0}, {r, r, 0}};
-  gp_Pnt end[4] = {{w - r, 0, 0}, {w, h - r, 0}, {r, h, 0}, {0, r, 0}};
-  BRepBuilderAPI_MakeWire outline;
-  for (int i = 0; i < 4; ++i) {
-    outline.Add(BRepBuilderAPI_MakeEdge(corner[i], end[i]).Edge());
-    gp_Circ arc(gp_Ax2(centre[i], gp::DZ()), r);
-    outline.Add(BRepBuilderAPI_MakeEdge(arc, end[i], corner[(i + 1) % 4]).Edge());
-  }
-  BRepBuilderAPI_MakeFace base(outline.Wire(), Standard_True);
-  gp_Circ hole(gp_Ax2(gp_Pnt(25, 25, 0), gp::DZ()), 8.0);
-  base.Add(TopoDS::Wire(BRepBuilderAPI_MakeWire(BRepBuilderAPI_MakeEdge(hole).Edge()).Wire().Reversed()));
-  TopoDS_Shape block = BRepPrimAPI_MakePrism(base.Face(), gp_Vec(0, 0, 20)).Shape();
-  // Round the outer edges of the top face.
-  BRepFilletAPI_MakeFillet fillet(block);
-  for (TopExp_Explorer e(block, TopAbs_EDGE); e.More(); e.Next()) {
-    Standard_Real first, last;
-    Handle(Geom_Curve) c = BRep_Tool::Curve(TopoDS::Edge(e.Current()), first, last);
-    gp_Pnt mid = c->Value(0.5 * (first + last));
-    bool top = std::fabs(mid.Z() - 20) < 1e-9 && mid.Distance(gp_Pnt(25, 25, 20)) > 8.5;
-    if (top) fillet.Add(2.0, TopoDS::Edge(e.Current()));
-  }
-  return tskSurf::from_shape(fillet.Shape());
-}
+tskSurfPtr demo_bracket() { return gfit::demo::bracket(); }
 
 tskSurfPtr compound(std::vector<tskSurfPtr> const& parts) {
   BRep_Builder builder;
   TopoDS_Compound all;
   builder.MakeCompound(all);
-  for (tskSurfPtr const& p : parts) builder.Add(all, p->shape());
-  return tskSurf::from_shape(all);
+  for (tskSurfPtr const& p : parts) builder.Add(all, tskSurfShape(*p));
+  return tskSurfFromShape(all);
 }
 
 tskSurfPtr as_bspline(tskSurfPtr const& surface) {
-  return tskSurf::from_shape(BRepBuilderAPI_NurbsConvert(surface->shape(), Standard_True).Shape());
+  return tskSurfFromShape(BRepBuilderAPI_NurbsConvert(tskSurfShape(*surface), Standard_True).Shape());
 }
 
-tskSurfPtr from_own_shape(tskSurfPtr const& surface) { return tskSurf::from_shape(surface->shape()); }
+tskSurfPtr from_own_shape(tskSurfPtr const& surface) { return tskSurfFromShape(tskSurfShape(*surface)); }
 
-tskSurfPtr no_faces() { return tskSurf::from_shape(BRepBuilderAPI_MakeVertex(gp_Pnt(1, 2, 3)).Shape()); }
+tskSurfPtr no_faces() { return tskSurfFromShape(BRepBuilderAPI_MakeVertex(gp_Pnt(1, 2, 3)).Shape()); }
 
 }  // namespace gfit::testing

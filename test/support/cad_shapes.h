@@ -1,10 +1,10 @@
-// CAD parts and single faces made with OpenCASCADE, for the surface kernel's tests, its
-// benchmarks and the demo data. Lengths in millimetres. Callers need no OpenCASCADE header.
+// CAD parts and single faces made with OpenCASCADE, for the surface kernel's tests and its
+// benchmarks. Lengths in millimetres. Callers need no OpenCASCADE header.
 #pragma once
 
 #include <vector>
 
-#include "gfit/platform/surface.h"
+#include "gfit/cad/surface.h"
 
 namespace gfit::testing {
 
@@ -33,8 +33,9 @@ tskSurfPtr filleted_block();
 // A 10 n x 10 n x 8 plate with n x n through holes of radius 3: n^2 + 6 faces.
 tskSurfPtr holed_plate(int n);
 
-// The demo part: an 80 x 50 x 20 bracket with rounded vertical corners (radius 6), a through
-// hole of radius 8 at (25, 25) and its top outer edges rounded by 2 (planes, cylinders, tori).
+// The demo part (tools/demo_part.h): an 80 x 50 x 20 bracket with rounded vertical corners
+// (radius 6), a through hole of radius 8 at (25, 25) and its top outer edges rounded by 2
+// (planes, cylinders, tori).
 tskSurfPtr demo_bracket();
 
 // The faces of several surfaces in one, in the order given.

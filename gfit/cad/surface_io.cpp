@@ -49,7 +49,7 @@
 #include <cfenv>
 #endif
 
-#include "gfit/platform/surface.h"
+#include "gfit/cad/occt.h"
 
 namespace gfit::detail {
 namespace {
@@ -254,7 +254,7 @@ tskSurfPtr read_file(std::string const& path, std::string const& ext, std::strin
     return nullptr;
   }
   const bool built = guarded(path, error, [&] {
-    surface = tskSurf::from_shape(shape);
+    surface = tskSurfFromShape(shape);
     return surface != nullptr;
   });
   if (!built) {
@@ -298,7 +298,7 @@ bool tskSurf::write(std::string const& path, std::string& error) const {
     if (ext == "step" || ext == "stp") {
       Interface_Static::SetCVal("write.step.unit", "MM");
       STEPControl_Writer writer;
-      if (writer.Transfer(shape(), STEPControl_AsIs) != IFSelect_RetDone || writer.Write(path.c_str()) != IFSelect_RetDone) {
+      if (writer.Transfer(tskSurfShape(*this), STEPControl_AsIs) != IFSelect_RetDone || writer.Write(path.c_str()) != IFSelect_RetDone) {
         error = "cannot write " + path;
         return false;
       }
@@ -306,14 +306,14 @@ bool tskSurf::write(std::string const& path, std::string& error) const {
     }
     if (ext == "iges" || ext == "igs") {
       IGESControl_Writer writer("MM", 1);  // faces as B-rep entities
-      if (!writer.AddShape(shape()) || (writer.ComputeModel(), !writer.Write(path.c_str()))) {
+      if (!writer.AddShape(tskSurfShape(*this)) || (writer.ComputeModel(), !writer.Write(path.c_str()))) {
         error = "cannot write " + path;
         return false;
       }
       return true;
     }
     if (ext == "brep" || ext == "brp") {
-      if (!BRepTools::Write(shape(), path.c_str())) {
+      if (!BRepTools::Write(tskSurfShape(*this), path.c_str())) {
         error = "cannot write " + path;
         return false;
       }

@@ -1,9 +1,9 @@
-#include "gfit/alignment/scaled_alignment.h"
+#include "gfit/cad/scaled_alignment.h"
 
 #include <cmath>
 
 #include "gfit/alignment/points_to_points.h"
-#include "gfit/fitpoints/surface_projector.h"
+#include "gfit/cad/surface_projector.h"
 #include "gfit/platform/report.h"
 #include "gfit/utilities/vector_utils.h"
 

@@ -1,6 +1,7 @@
 // The surface kernel: CAD surfaces (one face or a whole part of many faces), the projection of
 // points onto them and their outward normals. Built on OpenCASCADE, in the gfit::cad library;
-// no OpenCASCADE header is needed to use it.
+// no OpenCASCADE header is needed to use it. Hosts that make or keep their own OpenCASCADE
+// shapes hand them in and take them out through gfit/cad/occt.h, the one header that does.
 //
 // Lengths are in millimetres: STEP and IGES files are converted on reading, BREP files carry
 // no unit and are taken as millimetres.
@@ -30,13 +31,13 @@
 #include "gfit/platform/shapes.h"
 #include "gfit/platform/xform.h"
 
-class TopoDS_Shape;  // OpenCASCADE's shape: only code that makes shapes includes OpenCASCADE
 class tskSurf;
 using tskSurfPtr = std::shared_ptr<tskSurf>;
 
 namespace gfit::detail {
 struct SurfData;
 struct SurfWorkspace;
+struct SurfAccess;  // the kernel's own door to a surface's shape (gfit/cad/occt.h)
 }  // namespace gfit::detail
 
 // One foot point of a projection.
@@ -96,12 +97,6 @@ class GFIT_CAD_EXPORT tskSurf {
   // Writes the surface as STEP, IGES or BREP (by extension); false with a message on failure.
   bool write(std::string const& path, std::string& error) const;
 
-  // A surface over a deep copy of `shape` (its faces, in the order OpenCASCADE explores them).
-  // A shape without faces gives a surface on which every projection is empty.
-  static tskSurfPtr from_shape(TopoDS_Shape const& shape);
-  // The surface's shape as it is now (after every transform).
-  TopoDS_Shape shape() const;
-
   // A deep copy: transforming either leaves the other alone.
   tskSurfPtr copy() const;
   // Applies `xform` (after any earlier transform) to the surface the handle refers to, in
@@ -145,6 +140,7 @@ class GFIT_CAD_EXPORT tskSurf {
   tskSurf& operator=(tskSurf const&) = delete;
 
  private:
+  friend struct gfit::detail::SurfAccess;
   tskSurf();
   std::unique_ptr<gfit::detail::SurfData> data_;
   std::uint64_t serial_;  // changes with every rebuild, so that workspaces know to start again

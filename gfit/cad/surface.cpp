@@ -12,7 +12,7 @@
 // extrusion of an ellipse), and trimmed by mapping the foot point back into the base face.
 //
 // The per-thread part (adaptors, extrema, classifiers) lives in the caller's tskSurfPointList.
-#include "gfit/platform/surface.h"
+#include "gfit/cad/occt.h"
 
 #include <BRepBndLib.hxx>
 #include <BRepBuilderAPI_Copy.hxx>
@@ -596,18 +596,27 @@ tskSurfPointList::~tskSurfPointList() = default;
 tskSurf::tskSurf() : data_(std::make_unique<SurfData>()), serial_(gfit::detail::next_serial()) {}
 tskSurf::~tskSurf() = default;
 
-tskSurfPtr tskSurf::from_shape(TopoDS_Shape const& shape) {
-  tskSurfPtr s(new tskSurf);
-  try {
-    if (!shape.IsNull()) s->data_->base = BRepBuilderAPI_Copy(shape, Standard_True).Shape();
-    gfit::detail::build(*s->data_);
-  } catch (Standard_Failure const&) {
-    return nullptr;
+namespace gfit::detail {
+// The shape conversions of gfit/cad/occt.h reach the surface's private state through here, so
+// that surface.h itself names no OpenCASCADE type.
+struct SurfAccess {
+  static tskSurfPtr from_shape(TopoDS_Shape const& shape) {
+    tskSurfPtr s(new tskSurf);
+    try {
+      if (!shape.IsNull()) s->data_->base = BRepBuilderAPI_Copy(shape, Standard_True).Shape();
+      build(*s->data_);
+    } catch (Standard_Failure const&) {
+      return nullptr;
+    }
+    return s;
   }
-  return s;
-}
+  static TopoDS_Shape shape(tskSurf const& surface) { return surface.data_->world; }
+};
+}  // namespace gfit::detail
 
-TopoDS_Shape tskSurf::shape() const { return data_->world; }
+tskSurfPtr tskSurfFromShape(TopoDS_Shape const& shape) { return gfit::detail::SurfAccess::from_shape(shape); }
+
+TopoDS_Shape tskSurfShape(tskSurf const& surface) { return gfit::detail::SurfAccess::shape(surface); }
 
 tskSurfPtr tskSurf::copy() const {
   tskSurfPtr s(new tskSurf);

@@ -20,7 +20,7 @@
 
 #include "gfit/fitpoints/projector.h"
 #include "gfit/gfit_cad_export.h"
-#include "gfit/platform/surface.h"
+#include "gfit/cad/surface.h"
 
 class GFIT_CAD_EXPORT gfSurfProjectorForFitting3 : public gfProjectorForFitting3 {
  public:

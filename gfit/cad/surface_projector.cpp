@@ -1,4 +1,4 @@
-#include "gfit/fitpoints/surface_projector.h"
+#include "gfit/cad/surface_projector.h"
 
 #include <cfloat>
 #include <cmath>
