@@ -4,7 +4,7 @@
 
 #include "gfit/platform/angle.h"
 #include "gfit/platform/report.h"
-#include "gfit/utilities/vector_utils.h"
+#include "gfit/fitpoints/projector.h"
 
 gfFitPointProjector2::~gfFitPointProjector2() = default;
 
