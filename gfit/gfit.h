@@ -66,6 +66,10 @@
 
 // alignment
 #include "gfit/alignment/affine_match.h"
+#include "gfit/alignment/curve_bestfit2.h"
+#include "gfit/alignment/points_to_lines.h"
 #include "gfit/alignment/points_to_planes.h"
 #include "gfit/alignment/points_to_points.h"
+#include "gfit/alignment/rps_fitting.h"
 #include "gfit/alignment/surface_bestfit.h"
+#include "gfit/alignment/surface_maxi_min.h"

@@ -160,4 +160,9 @@ int run_align(Command const& command);
 // the second (gfPointsAffineMatch), as JSON.
 int run_affine(Command const& command);
 
+// `gfit align --rps FILE` and `gfit align --affine PAIRS` (tools/alignments2.cpp); `gfit
+// allowance --cad PART POINTS`: the maxi-min placement (gfit::cad only).
+int run_rps(std::string const& path, InputOptions const& format);
+int run_allowance(Command const& command);
+
 }  // namespace gfit::cli

@@ -6,6 +6,9 @@
 //   gfit deviations --cad PART POINTS    deviations of the points from a CAD part
 //   gfit affine PAIRS                    the affine map between corresponding points
 //   gfit align --cad PART POINTS ...     alignment of the points to a CAD part
+//   gfit align --rps FILE                RPS (3-2-1) alignment of reference points
+//   gfit align --affine PAIRS            the same as gfit affine PAIRS
+//   gfit allowance --cad PART POINTS     the placement with the largest uniform allowance
 //
 // A fit prints one JSON object on standard output, laid out as docs/results.md describes.
 // Exit status: 2 for a usage error or unreadable input (a message on standard error), 1 for
@@ -462,11 +465,33 @@ int main(int argc, char** argv) {
                    other.options);
   deviations->footer("Example: gfit deviations --cad data/bracket.step data/bracket.xyz");
 
-  CLI::App* align = app.add_subcommand("align", "align the points to a CAD part and report their deviations");
-  align->add_option("POINTS", other.args, "the measured points")->required()->expected(1);
+  CLI::App* allowance = app.add_subcommand(
+      "allowance", "the placement of a blank or casting with the largest uniform allowance to a CAD part");
+  allowance->add_option("POINTS", other.args, "the points measured on the blank")->required()->expected(1);
+  add_input_options(allowance, other.input);
+  add_spec_options(allowance,
+                   {{"--cad", "PART", "the finished part: STEP, IGES or BREP (required)"},
+                    {"--units", "UNIT", "the length unit of the coordinates, stated in the result (default mm)"},
+                    {"--json", "", "JSON (the only output; accepted for symmetry with align)"}},
+                   other.options);
+  allowance->footer("Example: gfit allowance --cad data/bracket.step data/bracket-displaced.xyz");
+#endif
+
+  CLI::App* align = app.add_subcommand(
+      "align", "align measured points: to a CAD part, by reference points (--rps) or by an affine map (--affine)");
+  align->add_option("POINTS", other.args, "the measured points (with --cad)")->expected(0, 1);
   add_input_options(align, other.input);
+  std::string rps_file, affine_file;
+  align->add_option("--rps", rps_file,
+                    "RPS (3-2-1) alignment: one reference point per line, mx my mz qx qy qz lx ly lz [w] "
+                    "(measured, nominal, locked world axes 0/1, weight)")
+      ->type_name("FILE");
+  align->add_option("--affine", affine_file, "the affine map taking x y [z] onto x' y' [z'] (one pair per line)")
+      ->type_name("PAIRS");
+  std::vector<std::string> pairs;
+#ifdef GFIT_CLI_CAD
   add_spec_options(align,
-                   {{"--cad", "PART", "the CAD part: STEP, IGES or BREP (required)"},
+                   {{"--cad", "PART", "the CAD part: STEP, IGES or BREP"},
                     {"--tol", "T", "convergence tolerance (default 1e-6)"},
                     {"--lock-origin", "x,y,z:x,y,z", "keep the measured point on the nominal one"},
                     {"--lock-rotations", "x,y,z[:...]", "axes the alignment may not rotate about"},
@@ -474,11 +499,15 @@ int main(int argc, char** argv) {
                     {"--scale", "PASSES", "also fit a uniform scale, in this many passes"},
                     {"--json", "", "JSON instead of text"}},
                    other.options);
-  std::vector<std::string> pairs;
   align->add_option("--pairs", pairs, "start from corresponding points: a file of measured and one of nominal points")
       ->expected(2)
       ->type_name("MEASURED NOMINAL");
-  align->footer("Example: gfit align --cad data/bracket.step data/bracket-displaced.xyz");
+  align->footer(
+      "Examples: gfit align --cad data/bracket.step data/bracket-displaced.xyz\n"
+      "          gfit align --rps reference-points.txt");
+#else
+  align->add_flag_callback("--json", [] {}, "JSON (the only output of --rps and --affine)");
+  align->footer("Example: gfit align --rps reference-points.txt");
 #endif
 
   try {
@@ -538,11 +567,30 @@ int main(int argc, char** argv) {
   if (chosen) return run_fit(*chosen, command);
   if (app.got_subcommand("form")) return run_form(other);
   if (app.got_subcommand("affine")) return run_affine(other);
+  if (app.got_subcommand("align") && (!rps_file.empty() || !affine_file.empty())) {
+    if (!rps_file.empty() + !affine_file.empty() + !other.args.empty() > 1) {
+      std::cerr << "gfit: align: give one of --rps FILE, --affine PAIRS or --cad PART POINTS\n";
+      return 2;
+    }
+    if (!rps_file.empty()) return run_rps(rps_file, other.input);
+    other.args = {affine_file};
+    return run_affine(other);
+  }
 #ifdef GFIT_CLI_CAD
   if (app.got_subcommand("deviations")) return run_deviations(other);
+  if (app.got_subcommand("allowance")) return run_allowance(other);
   if (app.got_subcommand("align")) {
+    if (other.args.empty()) {
+      std::cerr << "gfit: align: give --cad PART POINTS, --rps FILE or --affine PAIRS\n";
+      return 2;
+    }
     if (!pairs.empty()) other.options.values["--pairs"] = pairs[0] + "\n" + pairs[1];
     return run_align(other);
+  }
+#else
+  if (app.got_subcommand("align")) {
+    std::cerr << "gfit: align: give --rps FILE or --affine PAIRS (this build has no CAD alignment)\n";
+    return 2;
   }
 #endif
   return 2;
