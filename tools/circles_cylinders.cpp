@@ -55,6 +55,8 @@ int fit_circle3(Input const& in, Options const&, FitResult& out) {
   out.parameters["diameter"] = 2.0 * radius;
   circle3_deviations(points, centre, normal, radius, out);
   out.extra["distribution_quality"] = Quality::distribution_quality_circle3(points, centre, normal, radius);
+  gfElementUncertainty u;
+  if (gfLeastSquareUncertainty::circle3(points, centre, normal, radius, u)) out.extra["uncertainty"] = uncertainty_json(u, "circle3");
   return status;
 }
 

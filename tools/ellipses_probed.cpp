@@ -16,6 +16,9 @@ int fit_ellipse(Input const& in, Options const&, FitResult& out) {
   out.residual = residual;
   ellipse_result(points, centre, major, minor, angle, out);
   out.extra["distribution_quality"] = Quality::distribution_quality_ellipse(points, centre, major, minor, angle);
+  gfElementUncertainty u;
+  if (gfLeastSquareUncertainty::ellipse(points, centre, major, minor, angle, u))
+    out.extra["uncertainty"] = uncertainty_json(u, major >= minor ? "ellipse" : "ellipse-swapped");
   return status;
 }
 

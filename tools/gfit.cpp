@@ -216,15 +216,22 @@ Json uncertainty_json(gfElementUncertainty const& u, std::string const& kind) {
   Json j;
   j["sigma"] = u.sigma;
   j["degrees_of_freedom"] = u.degrees_of_freedom;
-  if (kind == "circle")
+  if (kind == "circle" || kind == "ellipse")
     j["position"] = Json::array({u.position[0], u.position[1]});
   else
     j["position"] = Json::array({u.position[0], u.position[1], u.position[2]});
-  if (kind == "circle" || kind == "sphere" || kind == "cylinder" || kind == "cone") {
+  if (kind == "circle" || kind == "circle3" || kind == "sphere" || kind == "cylinder" || kind == "cone") {
     j["radius"] = u.radius;
     j["diameter"] = u.diameter;
   }
-  if (kind == "plane" || kind == "line3" || kind == "cylinder" || kind == "cone") add_angle(j, "axis_angle", u.axis_angle);
+  if (kind == "torus") j["radii"] = Json::array({u.radius, u.second_radius});  // ring, tube
+  // The ellipse's figures in the order of its semi_axes, [major, minor].
+  if (kind == "ellipse") j["semi_axes"] = Json::array({u.radius, u.second_radius});
+  if (kind == "ellipse-swapped") j["semi_axes"] = Json::array({u.second_radius, u.radius});
+  if (kind == "ellipse" || kind == "ellipse-swapped") add_angle(j, "angle", u.axis_angle);
+  if (kind == "plane" || kind == "line3" || kind == "cylinder" || kind == "cone" || kind == "circle3" ||
+      kind == "torus")
+    add_angle(j, "axis_angle", u.axis_angle);
   if (kind == "cone") add_angle(j, "half_angle", u.half_angle);
   if (kind == "plane") j["offset"] = u.offset;
   return j;

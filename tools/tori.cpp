@@ -40,6 +40,8 @@ int fit_torus(Input const& in, Options const& options, FitResult& out) {
   out.residual = residual;
   torus_result(points, centre, axis, r1, r2, nullptr, 0, out);
   out.extra["distribution_quality"] = Quality::distribution_quality_torus(points, centre, axis, r1, r2);
+  gfElementUncertainty u;
+  if (gfLeastSquareUncertainty::torus(points, centre, axis, r1, r2, u)) out.extra["uncertainty"] = uncertainty_json(u, "torus");
   return status;
 }
 
