@@ -147,7 +147,10 @@ std::vector<double> distances(mlDistanceLeastSquares& problem, mlVector const& p
 
 void foot_and_orientation(giPoint3coDynArr const& points, giPoint3& point, giUnitVec3& axis) {
   if (points.count() == 0 || axis.invalid()) return;
-  const giPoint3 centroid = gfit::detail::mean_of(&points[0], points.count());
+  // Summed about the first point, so that a part far from the origin keeps its digits.
+  giVector3 sum(0, 0, 0);
+  for (int i = 1; i < points.count(); ++i) sum += points[i] - points[0];
+  const giPoint3 centroid = points[0] + sum * (1.0 / points.count());
   point = point + axis * axis.dot(centroid - point);
   if (axis.dot(points[0] - point) < 0.0) axis = -axis;
 }
