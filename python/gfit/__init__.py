@@ -310,13 +310,15 @@ def align_to_cad(part, points, tol=1e-6, pairs=None, bands=None, lock_origin=Non
 def rps_fit(measured, nominal, locks, weights=None, frame=None) -> RPSAlignment:
     """RPS (3-2-1) alignment of reference points: the rigid motion T minimising
     sum_i w_i sum_{k locked} (d_k . (T m_i - q_i))^2 over the (n, 3) ``measured`` points m_i
-    and their (n, 3) ``nominal`` points q_i. ``locks`` (n, 3) of 0/1: which axes d_k of the
+    and their (n, 3) ``nominal`` points q_i. ``locks`` (n, 3) of 0/1 (or bool): which axes d_k of the
     frame (x, y, z) each record locks. ``weights`` (n,), >= 0 (default 1; 0 leaves the record
     out). ``frame``: None for the world axes, or rows (normal, x direction) as a (2, 3) array
     for every record or an (n, 2, 3) array, one frame per record (the frame's z axis is the
     normal, x is the direction made orthogonal to it, y = z x x). Exactly six independent
     locks are met exactly. Raises ValueError when the locks leave a motion free, naming the
     free translations and rotations (axis direction and a point on it)."""
+    if isinstance(locks, np.ndarray) and locks.dtype == np.bool_:
+        locks = locks.astype(float)
     return RPSAlignment(**_core.rps_fit(measured, nominal, locks, weights, frame))
 
 

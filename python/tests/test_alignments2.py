@@ -65,8 +65,10 @@ def test_rps_local_frames_and_refusal():
     truth = rigid((1, 1, 0), 0.002, (0.4, 0.1, -0.3))
     measured = moved(np.linalg.inv(truth), NOMINAL)
     frame = np.array([[0, 0, 1.0], [0, 1.0, 0]])  # normal z, x axis along world y
-    fit = gfit.rps_fit(measured, NOMINAL, LOCKS[:, [1, 0, 2]], frame=frame)
+    fit = gfit.rps_fit(measured, NOMINAL, LOCKS[:, [1, 0, 2]].astype(bool), frame=frame)
     assert np.allclose(fit.transform, truth, atol=1e-9, rtol=0)
+    per_record = gfit.rps_fit(measured, NOMINAL, LOCKS[:, [1, 0, 2]], frame=np.tile(frame, (6, 1, 1)))
+    assert np.array_equal(per_record.transform, fit.transform)
     # Only the Z locks: the set leaves x, y and the turn about z free, and says so.
     with pytest.raises(ValueError, match="rps_fit: .*translation"):
         gfit.rps_fit(measured[:3], NOMINAL[:3], LOCKS[:3])
