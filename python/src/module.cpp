@@ -937,7 +937,7 @@ py::array_t<double> homogeneous(giXform2 const& x) {
   return a;
 }
 
-// One value per row of an n-row argument (None: `fill`); finite and >= 0 when `non_negative`.
+// One value per row of an n-row argument (None: `fill`), each finite and >= 0 (weights).
 std::vector<double> per_row(py::handle obj, char const* name, int n, double fill) {
   std::vector<double> v(static_cast<size_t>(n), fill);
   if (obj.is_none()) return v;
@@ -963,6 +963,9 @@ giWorkplane3 frame_of(double const* v, std::string const& name) {
   return giWorkplane3(giPoint3(0, 0, 0), normal, x);
 }
 
+// The RPS alignment of reference points: locks (n, 3) of 0/1 flags on the frame's x, y and
+// normal axes; one frame for all records ((2, 3): normal, x direction) or one per record
+// ((n, 2, 3)); the world axes when none is given.
 py::dict rps_fit(py::handle measured_obj, py::handle nominal_obj, py::handle locks_obj, py::handle weights_obj,
                  py::handle frame_obj) {
   Points3 m(measured_obj, "measured", 1, true);
@@ -1043,6 +1046,7 @@ void read_profile(py::handle obj, gfNominalProfile2& profile) {
   }
 }
 
+// The least-squares alignment of section points to a nominal profile of segments and arcs.
 py::dict curve_fit(py::handle profile_obj, py::handle pts, py::handle weights_obj, double tol) {
   gfNominalProfile2 profile;
   read_profile(profile_obj, profile);
@@ -1066,6 +1070,7 @@ py::dict curve_fit(py::handle profile_obj, py::handle pts, py::handle weights_ob
                  smin, "invalid", invalid, "steps", steps);
 }
 
+// One linearised step of measured points onto the lines through their nominal points.
 py::dict points_to_lines_step(py::handle measured_obj, py::handle line_points_obj, py::handle normals_obj,
                               py::handle weights_obj, double attraction) {
   Points2 m(measured_obj, "measured", 1, true);
