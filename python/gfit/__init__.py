@@ -24,7 +24,7 @@ import math
 import numpy as np
 
 from . import _core
-from ._results import (AffineMap, AxisOfRevolution, CadAlignment, Circle, Cone, Cylinder, Deviations,
+from ._results import (AffineMap, Allowance, AxisOfRevolution, CadAlignment, CurveAlignment, LineStep, RPSAlignment, Circle, Cone, Cylinder, Deviations,
                        DirectionCone, Ellipse, ExtremalCircle, Line, MinimumZone, Plane, PlaneStep, Result,
                        RigidMap, Sphere, Torus, Uncertainty)
 
@@ -35,9 +35,11 @@ __all__ = [
     "fit_probed_cone", "fit_probed_torus", "direct_circle", "direct_ellipse", "direct_sphere",
     "min_circumscribed_circle", "max_inscribed_circle", "minmax_circle", "convex_hull",
     "containment_cone", "affine_match", "points_to_points", "points_to_planes_step", "align_to_cad",
+    "rps_fit", "curve_fit", "points_to_lines_step", "allowance_to_cad",
     "minimum_zone_plane", "minimum_zone_line", "minimum_zone_sphere", "minimum_zone_cylinder", "uncertainty",
     "read_cad", "deviations", "set_max_threads",
     "set_cone_non_physical_tolerance", "FITS",
+    "RPSAlignment", "CurveAlignment", "LineStep", "Allowance",
     "Result", "Line", "Plane", "Circle", "Sphere", "Cylinder", "Cone", "Ellipse", "Torus",
     "AxisOfRevolution", "ExtremalCircle", "DirectionCone", "AffineMap", "Deviations",
     "Uncertainty", "MinimumZone", "RigidMap", "PlaneStep", "CadAlignment",
@@ -303,6 +305,58 @@ def align_to_cad(part, points, tol=1e-6, pairs=None, bands=None, lock_origin=Non
     pm, pn = pairs if pairs is not None else (None, None)
     return CadAlignment(**_core.cad_align(part, points, float(tol), pm, pn, bands, lock_origin,
                                           lock_rotations, int(scale_passes)))
+
+
+def rps_fit(measured, nominal, locks, weights=None, frame=None) -> RPSAlignment:
+    """RPS (3-2-1) alignment of reference points: the rigid motion T minimising
+    sum_i w_i sum_{k locked} (d_k . (T m_i - q_i))^2 over the (n, 3) ``measured`` points m_i
+    and their (n, 3) ``nominal`` points q_i. ``locks`` (n, 3) of 0/1 (or bool): which axes d_k of the
+    frame (x, y, z) each record locks. ``weights`` (n,), >= 0 (default 1; 0 leaves the record
+    out). ``frame``: None for the world axes, or rows (normal, x direction) as a (2, 3) array
+    for every record or an (n, 2, 3) array, one frame per record (the frame's z axis is the
+    normal, x is the direction made orthogonal to it, y = z x x). Exactly six independent
+    locks are met exactly. Raises ValueError when the locks leave a motion free, naming the
+    free translations and rotations (axis direction and a point on it)."""
+    if isinstance(locks, np.ndarray) and locks.dtype == np.bool_:
+        locks = locks.astype(float)
+    return RPSAlignment(**_core.rps_fit(measured, nominal, locks, weights, frame))
+
+
+def curve_fit(profile, points, weights=None, tol=1e-9) -> CurveAlignment:
+    """Least-squares rigid alignment of (n, 2) section ``points`` to a nominal 2-D
+    ``profile``: a list of ``("segment", (x0, y0), (x1, y1))`` and
+    ``("arc", (cx, cy), radius, start, sweep)`` elements (angles in radians, sweep > 0
+    counter-clockwise, |sweep| <= 2 pi). The profile's normal points to the right of each
+    element's direction of travel. ``weights`` (n,), >= 0; ``tol``: stop when a step moves no
+    point by this much (unit of the coordinates). Motions the profile leaves free (turning
+    about a full circle's centre) stay where they were. Raises ValueError for points all on
+    one straight line or fewer than three points with a foot on the profile."""
+    return CurveAlignment(**_core.curve_fit(profile, points, weights, float(tol)))
+
+
+def points_to_lines_step(measured, line_points, normals, weights=None, attraction=0.0) -> LineStep:
+    """One linearised rigid step in the plane moving the (n, 2) ``measured`` points onto the
+    lines through ``line_points`` with (n, 2) ``normals`` (any length, direction used):
+    minimises sum (w_i n_i . (m_i' - q_i))^2 to first order in the rotation, the rotation
+    taken about the weighted centroid. ``attraction`` >= 0 pulls the motions the lines leave
+    free towards none; with 0 a free motion raises ValueError naming it. Iterate it,
+    re-projecting each time, for a full best fit."""
+    return LineStep(**_core.points_to_lines_step(measured, line_points, normals, weights,
+                                                 float(attraction)))
+
+
+def allowance_to_cad(part, points) -> Allowance:
+    """The placement of the (n, 3) ``points`` measured on a blank or casting (mm) over the CAD
+    ``part`` (from read_cad, or a path) that maximises the smallest signed deviation along
+    the part's outward normal (the largest uniform allowance), as ``gfit allowance`` does it.
+    Points beyond a face's edge are left out. Raises ValueError when the part's normals at
+    the points lie within a hemisphere (no largest allowance) or fewer than four points
+    project."""
+    if not _core.has_cad:
+        raise ValueError("part: this gfit was built without gfit::cad")
+    if isinstance(part, (str, bytes)) or hasattr(part, "__fspath__"):
+        part = read_cad(part)
+    return Allowance(**_core.cad_allowance(part, points))
 
 
 # ---- minimum-zone form and uncertainty ----------------------------------------------------------

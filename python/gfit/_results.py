@@ -406,3 +406,73 @@ class CadAlignment(Result):
     def apply(self, points) -> np.ndarray:
         """The points moved by the transform, an (n, 3) array."""
         return np.asarray(points, dtype=float) @ self.transform[:3, :3].T + self.transform[:3, 3]
+
+
+@dataclass(frozen=True)
+class RPSAlignment(Result):
+    """The RPS (3-2-1) alignment: ``transform`` (4 x 4, homogeneous) takes the measured
+    points onto the nominal ones; ``rms`` = sqrt(sum w r^2 / sum w) and ``max_deviation`` the
+    largest |r| over the locked deviations r = d_k . (T m - q) after it, in the unit of the
+    coordinates."""
+
+    element: ClassVar[str] = "rps"
+    transform: np.ndarray
+    rms: float
+    max_deviation: float
+
+    def apply(self, points) -> np.ndarray:
+        """The points moved by the transform, an (n, 3) array."""
+        return np.asarray(points, dtype=float) @ self.transform[:3, :3].T + self.transform[:3, 3]
+
+
+@dataclass(frozen=True)
+class CurveAlignment(Result):
+    """The least-squares alignment of section points to a nominal 2-D profile: ``transform``
+    (3 x 3, homogeneous, rigid) takes the measured points onto the profile. Over the points
+    that project after it: ``max_distance`` (>= 0), ``max_signed`` and ``min_signed`` (signed
+    along the profile's normal, which points to the right of each element's direction of
+    travel: outward for a counter-clockwise closed profile; each is 0 when no deviation of
+    that sign exists), in the unit of the coordinates; ``invalid`` points without a foot;
+    ``steps`` taken."""
+
+    element: ClassVar[str] = "curve_alignment"
+    transform: np.ndarray
+    max_distance: float
+    max_signed: float
+    min_signed: float
+    invalid: int
+    steps: int
+
+    def apply(self, points) -> np.ndarray:
+        """The points moved by the transform, an (n, 2) array."""
+        return np.asarray(points, dtype=float) @ self.transform[:2, :2].T + self.transform[:2, 2]
+
+
+@dataclass(frozen=True)
+class LineStep(RigidMap):
+    """One linearised rigid step in the plane bringing measured points onto their nominal
+    lines (``apply`` moves the measured points)."""
+
+    element: ClassVar[str] = "points_to_lines_step"
+
+
+@dataclass(frozen=True)
+class Allowance(Result):
+    """The placement of a blank or casting over the CAD part with the largest uniform
+    allowance: ``transform`` (4 x 4) takes the measured points over the part; ``allowance``
+    the smallest and ``max_deviation`` the largest signed deviation after it, along the
+    part's outward normal in mm (positive: material outside the finished part);
+    ``deviation`` of each point (NaN where left out or without a foot); ``invalid`` points
+    left out (beyond a face's edge) or without a foot; ``steps``: programmes solved."""
+
+    element: ClassVar[str] = "allowance"
+    transform: np.ndarray
+    allowance: float
+    max_deviation: float
+    deviation: np.ndarray = field(repr=False)
+    invalid: int
+    steps: int
+
+    def apply(self, points) -> np.ndarray:
+        """The points moved by the transform, an (n, 3) array."""
+        return np.asarray(points, dtype=float) @ self.transform[:3, :3].T + self.transform[:3, 3]

@@ -921,6 +921,188 @@ py::dict points_to_planes_step(py::handle measured_obj, py::handle nominal_obj, 
                  py::object(contradictory));
 }
 
+// ---- RPS, 2-D curve, points-to-lines ----------------------------------------------------------
+
+// A transform of the library as a (D+1) x (D+1) homogeneous numpy matrix.
+py::array_t<double> homogeneous(giXform3 const& x) {
+  py::array_t<double> a({4, 4});
+  for (int r = 0; r < 4; ++r)
+    for (int c = 0; c < 4; ++c) a.mutable_at(r, c) = r < 3 ? x(r, c) : (c == 3 ? 1.0 : 0.0);
+  return a;
+}
+py::array_t<double> homogeneous(giXform2 const& x) {
+  py::array_t<double> a({3, 3});
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 3; ++c) a.mutable_at(r, c) = r < 2 ? x(r, c) : (c == 2 ? 1.0 : 0.0);
+  return a;
+}
+
+// One value per row of an n-row argument (None: `fill`), each finite and >= 0 (weights).
+std::vector<double> per_row(py::handle obj, char const* name, int n, double fill) {
+  std::vector<double> v(static_cast<size_t>(n), fill);
+  if (obj.is_none()) return v;
+  Doubles d = as_doubles(obj, name, -1, 0);
+  if (d.shape(0) != n)
+    refuse_argument(name, "one value per point is needed: " + std::to_string(d.shape(0)) + " for " +
+                              std::to_string(n) + " points");
+  for (int i = 0; i < n; ++i) {
+    const double w = d.data()[i];
+    if (!std::isfinite(w) || w < 0.0) refuse_argument(name, "row " + std::to_string(i) + " is negative or not finite");
+    v[static_cast<size_t>(i)] = w;
+  }
+  return v;
+}
+
+// A frame given as (normal, x direction) rows, as giWorkplane3 is built.
+giWorkplane3 frame_of(double const* v, std::string const& name) {
+  giUnitVec3 normal(v[0], v[1], v[2]);
+  if (normal.invalid()) refuse_argument(name, "the frame's normal is zero or not finite");
+  giVector3 x(v[3], v[4], v[5]);
+  if (!std::isfinite(x.x()) || !std::isfinite(x.y()) || !std::isfinite(x.z()))
+    refuse_argument(name, "the frame's x direction is not finite");
+  return giWorkplane3(giPoint3(0, 0, 0), normal, x);
+}
+
+// The RPS alignment of reference points: locks (n, 3) of 0/1 flags on the frame's x, y and
+// normal axes; one frame for all records ((2, 3): normal, x direction) or one per record
+// ((n, 2, 3)); the world axes when none is given.
+py::dict rps_fit(py::handle measured_obj, py::handle nominal_obj, py::handle locks_obj, py::handle weights_obj,
+                 py::handle frame_obj) {
+  Points3 m(measured_obj, "measured", 1, true);
+  const int n = m.count();
+  Points3 q(nominal_obj, "nominal", 1, true);
+  if (q.count() != n)
+    refuse_argument("nominal", "one nominal point per measured point is needed: " + std::to_string(q.count()) +
+                                   " for " + std::to_string(n));
+  Doubles locks = as_doubles(locks_obj, "locks", 3, 0);
+  if (locks.shape(0) != n) refuse_argument("locks", "one (x, y, z) row of 0/1 flags per measured point is needed");
+  for (py::ssize_t i = 0; i < locks.size(); ++i)
+    if (locks.data()[i] != 0.0 && locks.data()[i] != 1.0)
+      refuse_argument("locks", "row " + std::to_string(i / 3) + ": a lock flag is 0 or 1");
+  const std::vector<double> weights = per_row(weights_obj, "weights", n, 1.0);
+  std::vector<giWorkplane3> frames(1);
+  if (!frame_obj.is_none()) {
+    py::array a = py::array::ensure(frame_obj);
+    if (a && a.ndim() == 3) {  // one frame per record
+      Doubles f = Doubles::ensure(a);
+      if (!f || f.shape(0) != n || f.shape(1) != 2 || f.shape(2) != 3)
+        refuse_argument("frame", "expected shape (2, 3) or (n, 2, 3), got " + shape_text(a));
+      frames.clear();
+      for (int i = 0; i < n; ++i) frames.push_back(frame_of(f.data() + 6 * i, "frame"));
+    } else {
+      Doubles f = as_doubles(frame_obj, "frame", 3, 2);
+      if (f.shape(0) != 2) refuse_argument("frame", "expected shape (2, 3) or (n, 2, 3), got " + shape_text(f));
+      frames[0] = frame_of(f.data(), "frame");
+    }
+  }
+  giXform3 x;
+  double rms = 0.0, worst = 0.0;
+  run("rps_fit", [&] {
+    gfRPSDatacoDynArr data;
+    data.reserve(n);
+    for (int i = 0; i < n; ++i) {
+      double const* l = locks.data() + 3 * i;
+      data.append(gfRPSData(m.array()[i], q.array()[i], frames[frames.size() == 1 ? 0 : static_cast<size_t>(i)],
+                            l[0] != 0.0, l[1] != 0.0, l[2] != 0.0, weights[static_cast<size_t>(i)]));
+    }
+    return gfRPSFitting(data, x, rms, worst);
+  });
+  return dict_of("transform", py::object(homogeneous(x)), "rms", rms, "max_deviation", worst);
+}
+
+// The nominal profile from a sequence of ("segment", (x0, y0), (x1, y1)) and
+// ("arc", (cx, cy), r, start, sweep) items.
+void read_profile(py::handle obj, gfNominalProfile2& profile) {
+  if (obj.is_none() || !py::isinstance<py::sequence>(obj) || py::isinstance<py::str>(obj))
+    refuse_argument("profile", "expected a list of (\"segment\", p0, p1) and (\"arc\", centre, r, start, sweep)");
+  auto items = py::reinterpret_borrow<py::sequence>(obj);
+  if (items.size() == 0) refuse_argument("profile", "the profile is empty");
+  auto point = [](py::handle h) {
+    auto v = small_vector(h, "profile", 2);
+    return giPoint2(v[0], v[1]);
+  };
+  for (size_t k = 0; k < items.size(); ++k) {
+    const std::string where = "element " + std::to_string(k);
+    py::object item = items[k];
+    if (!py::isinstance<py::sequence>(item) || py::isinstance<py::str>(item))
+      refuse_argument("profile", where + " is not a tuple");
+    auto e = py::reinterpret_borrow<py::sequence>(item);
+    const std::string kind = e.size() > 0 && py::isinstance<py::str>(e[0]) ? e[0].cast<std::string>() : "";
+    bool added = false;
+    if (kind == "segment" && e.size() == 3) {
+      added = profile.add_segment(point(e[1]), point(e[2]));
+    } else if (kind == "arc" && e.size() == 5) {
+      double r = 0.0, start = 0.0, sweep = 0.0;
+      try {
+        r = e[2].cast<double>(), start = e[3].cast<double>(), sweep = e[4].cast<double>();
+      } catch (py::cast_error&) {
+        refuse_argument("profile", where + ": radius, start and sweep are numbers");
+      }
+      added = profile.add_arc(point(e[1]), r, start, sweep);
+    } else {
+      refuse_argument("profile", where + ": expected (\"segment\", p0, p1) or (\"arc\", centre, r, start, sweep)");
+    }
+    if (!added) refuse_argument("profile", where + " is degenerate or not finite");
+  }
+}
+
+// The least-squares alignment of section points to a nominal profile of segments and arcs.
+py::dict curve_fit(py::handle profile_obj, py::handle pts, py::handle weights_obj, double tol) {
+  gfNominalProfile2 profile;
+  read_profile(profile_obj, profile);
+  Points2 p(pts, "points", 3, true);
+  const int n = p.count();
+  const std::vector<double> weights = per_row(weights_obj, "weights", n, 1.0);
+  if (!std::isfinite(tol) || tol < 0.0) refuse_argument("tol", "a finite tolerance >= 0");
+  giXform2 x;
+  double dmax = 0.0, smax = 0.0, smin = 0.0;
+  int invalid = 0, steps = 0;
+  run("curve_fit", [&] {
+    gfCurveBestfit2 fit;
+    fit.set_projector(&profile);
+    for (int i = 0; i < n; ++i)
+      fit.add_point(gfFitPoint2coPrf(new gfMeasuredPoint2(p.array()[i])), weights[static_cast<size_t>(i)]);
+    const int status = fit.fit(tol, x, dmax, smax, smin, invalid);
+    steps = fit.steps_taken();
+    return status;
+  });
+  return dict_of("transform", py::object(homogeneous(x)), "max_distance", dmax, "max_signed", smax, "min_signed",
+                 smin, "invalid", invalid, "steps", steps);
+}
+
+// One linearised step of measured points onto the lines through their nominal points.
+py::dict points_to_lines_step(py::handle measured_obj, py::handle line_points_obj, py::handle normals_obj,
+                              py::handle weights_obj, double attraction) {
+  Points2 m(measured_obj, "measured", 1, true);
+  const int n = m.count();
+  Points2 q(line_points_obj, "line_points", 1, true);
+  if (q.count() != n) refuse_argument("line_points", "one line point per measured point is needed");
+  Points2 normals(normals_obj, "normals", 1, true);
+  if (normals.count() != n) refuse_argument("normals", "one normal per measured point is needed");
+  for (int i = 0; i < n; ++i)
+    if (normals.array()[i].x() == 0.0 && normals.array()[i].y() == 0.0)
+      refuse_argument("normals", "row " + std::to_string(i) + " is zero");
+  const std::vector<double> weights = per_row(weights_obj, "weights", n, 1.0);
+  if (!std::isfinite(attraction) || attraction < 0.0) refuse_argument("attraction", "finite and >= 0");
+  giXform2 step;
+  run("points_to_lines_step", [&] {
+    gfPointsToLines solver;
+    solver.reserve(n);
+    for (int i = 0; i < n; ++i)
+      solver.add(m.array()[i], q.array()[i], giVector2(normals.array()[i].x(), normals.array()[i].y()),
+                 weights[static_cast<size_t>(i)]);
+    solver.set_fitting_points_attraction(attraction);
+    return solver.single_linear_step(step);
+  });
+  py::array_t<double> mat({2, 2});
+  py::array_t<double> t(2);
+  for (int r = 0; r < 2; ++r) {
+    for (int c = 0; c < 2; ++c) mat.mutable_at(r, c) = step(r, c);
+    t.mutable_at(r) = step(r, 2);
+  }
+  return dict_of("matrix", py::object(mat), "translation", py::object(t));
+}
+
 // ---- minimum-zone form ---------------------------------------------------------------------------
 
 py::dict minimum_zone(std::string const& kind, py::handle pts) {
@@ -1511,6 +1693,54 @@ py::dict cad_align(CadPart const& part, py::handle pts, double tol, py::handle p
                  valid ? highest : NAN, "invalid", n - valid, "steps", steps, "scale_x", sx, "scale_y", sy,
                  "contradictory_limits", py::object(left_out));
 }
+// The placement of points measured on a blank or casting over the CAD part that maximises the
+// smallest signed deviation (the largest uniform allowance), as `gfit allowance` does it:
+// approximate normals from each point's nearest foot, a point that no foot sees along its
+// normal left out and counted invalid.
+py::dict cad_allowance(CadPart const& part, py::handle pts) {
+  Points3 measured(pts, "points", 4, true);
+  const int n = measured.count();
+  giXform3 result;
+  double lowest = 0.0, highest = 0.0;
+  int invalid = 0, left_out = 0, steps = 0;
+  py::array_t<double> deviation(n);
+  double* dev = deviation.mutable_data();
+  std::fill(dev, dev + n, NAN);
+  run("allowance_to_cad", [&] {
+    auto& surface = *part.surface;
+    gfSurfaceMaxiMinFit fit;
+    fit.reserve_points(n);
+    tskSurfPointList feet;
+    std::vector<int> fitted;
+    fitted.reserve(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) {
+      giUnitVec3 outward;
+      giPoint3 const& p = measured.array()[i];
+      surface.project(p, feet, [](tskSurfPoint const& foot) { return foot.distance; });
+      const bool seen =
+          !feet.empty() && surface.normal(feet[0], 1e-5, 1e-5, outward) &&
+          (feet[0].distance < 1e-4 || outward.cross(p - feet[0].point).length() <= 0.01 * feet[0].distance);
+      if (!seen) {
+        ++left_out;
+        continue;
+      }
+      fit.add_point(gfFitPoint3coPrf(new gfProbedPoint3(p, outward, 0.0)));
+      fitted.push_back(i);
+    }
+    gfSurfProjectorForFitting3 projector(surface);
+    fit.set_projector(&projector);
+    const int status = fit.fit(result, lowest, highest, invalid);
+    steps = fit.steps_taken();
+    if (status == 1) {
+      gfProjectedPoint3coDynArr const& cloud = fit.get_pointcloud();
+      for (int k = 0; k < cloud.count() && k < static_cast<int>(fitted.size()); ++k)
+        if (!cloud[k].invalid()) dev[fitted[static_cast<size_t>(k)]] = cloud[k].signed_distance();
+    }
+    return status;
+  });
+  return dict_of("transform", py::object(homogeneous(result)), "allowance", lowest, "max_deviation", highest,
+                 "deviation", py::object(deviation), "invalid", invalid + left_out, "steps", steps);
+}
 #endif
 
 // ---- timing of the bare library call, for the comparison with the Python call ---------------
@@ -1584,6 +1814,11 @@ PYBIND11_MODULE(_core, m) {
   m.def("points_to_planes_step", &points_to_planes_step, arg("measured"), arg("nominal"), arg("normals"),
         arg("lower") = none, arg("upper") = none, arg("weights") = none, arg("translations_only") = false,
         arg("attraction") = 0.0);
+  m.def("rps_fit", &rps_fit, arg("measured"), arg("nominal"), arg("locks"), arg("weights") = none,
+        arg("frame") = none);
+  m.def("curve_fit", &curve_fit, arg("profile"), arg("points"), arg("weights") = none, arg("tol") = 1e-9);
+  m.def("points_to_lines_step", &points_to_lines_step, arg("measured"), arg("line_points"), arg("normals"),
+        arg("weights") = none, arg("attraction") = 0.0);
   m.def("minimum_zone", &minimum_zone, arg("element"), arg("points"));
   m.def("uncertainty", &uncertainty, arg("kind"), arg("fields"), arg("points"));
   m.def("residuals", &residuals, arg("kind"), arg("fields"), arg("points"), arg("radii") = none,
@@ -1607,6 +1842,7 @@ PYBIND11_MODULE(_core, m) {
   m.def("cad_align", &cad_align, arg("part"), arg("points"), arg("tol") = 1e-6, arg("pairs_measured") = none,
         arg("pairs_nominal") = none, arg("bands") = none, arg("lock_origin") = none, arg("lock_rotations") = none,
         arg("scale_passes") = 0);
+  m.def("cad_allowance", &cad_allowance, arg("part"), arg("points"));
   m.attr("has_cad") = true;
 #else
   m.attr("has_cad") = false;
