@@ -33,23 +33,8 @@ bool radii_usable(doublecoDynArr const& radii, int n) {
 
 gfLeastSquareProbedCircle2::gfLeastSquareProbedCircle2(giPoint2coDynArr const& points, doublecoDynArr const& radii,
                                                        int inside)
-    : gfLeastSquareCircle2(points), rho_(signed_radii(radii, points.count(), inside)) {}
+    : Probed(points, signed_radii(radii, points.count(), inside)) {}
 gfLeastSquareProbedCircle2::~gfLeastSquareProbedCircle2() = default;
-
-void gfLeastSquareProbedCircle2::get_distance(double& d, int i) const {
-  gfLeastSquareCircle2::get_distance(d, i);
-  d += rho_[i];
-}
-
-void gfLeastSquareProbedCircle2::get_distance_and_gradient(double& d, mlVector& g, int i) const {
-  gfLeastSquareCircle2::get_distance_and_gradient(d, g, i);
-  d += rho_[i];
-}
-
-void gfLeastSquareProbedCircle2::evaluate_block(int first, int count, double* distances, double* squares,
-                                                double* jacobian, int ld) const {
-  offset_block(rho_.data(), first, count, distances, squares, jacobian, ld);
-}
 
 // ---- line in the plane ------------------------------------------------------------------
 
@@ -120,23 +105,8 @@ void gfLeastSquareProbedPlane::get_distance_and_gradient(double& d, mlVector& g,
 
 gfLeastSquareProbedSphere::gfLeastSquareProbedSphere(giPoint3coDynArr const& points, doublecoDynArr const& radii,
                                                      int inside)
-    : gfLeastSquareSphere(points), rho_(signed_radii(radii, points.count(), inside)) {}
+    : Probed(points, signed_radii(radii, points.count(), inside)) {}
 gfLeastSquareProbedSphere::~gfLeastSquareProbedSphere() = default;
-
-void gfLeastSquareProbedSphere::get_distance(double& d, int i) const {
-  gfLeastSquareSphere::get_distance(d, i);
-  d += rho_[i];
-}
-
-void gfLeastSquareProbedSphere::get_distance_and_gradient(double& d, mlVector& g, int i) const {
-  gfLeastSquareSphere::get_distance_and_gradient(d, g, i);
-  d += rho_[i];
-}
-
-void gfLeastSquareProbedSphere::evaluate_block(int first, int count, double* distances, double* squares,
-                                               double* jacobian, int ld) const {
-  offset_block(rho_.data(), first, count, distances, squares, jacobian, ld);
-}
 
 // ---- ellipse ----------------------------------------------------------------------------
 

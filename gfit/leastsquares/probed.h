@@ -23,23 +23,14 @@
 #include "gfit/gfit_export.h"
 #include "gfit/leastsquares/circle.h"
 #include "gfit/leastsquares/ellipse.h"
+#include "gfit/leastsquares/probed_problem.h"
 #include "gfit/leastsquares/sphere.h"
 
-class GFIT_EXPORT gfLeastSquareProbedCircle2 : public gfLeastSquareCircle2 {
+class GFIT_EXPORT gfLeastSquareProbedCircle2 : public gfit::detail::Probed<gfLeastSquareCircle2> {
  public:
   gfLeastSquareProbedCircle2(giPoint2coDynArr const& points, doublecoDynArr const& radii, int inside);
-  void get_distance_and_gradient(double& d, mlVector& g, int i) const override;
-  void get_distance(double& d, int i) const override;
   ~gfLeastSquareProbedCircle2() override;
-  void evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
-                      int ld) const override;
-  void evaluate_distances(int first, int count, double* distances, double* squares) const override {
-    evaluate_block(first, count, distances, squares, nullptr, 0);
-  }
-  doublecoDynArr const& compensation() const { return rho_; }
-
- private:
-  doublecoDynArr rho_;
+  using Probed::compensation;
 };
 
 class GFIT_EXPORT gfLeastSquareProbedLine2 : public gfLeastSquareDistance2 {
@@ -68,20 +59,10 @@ class GFIT_EXPORT gfLeastSquareProbedPlane : public gfLeastSquareDistance3 {
   doublecoDynArr rho_;
 };
 
-class GFIT_EXPORT gfLeastSquareProbedSphere : public gfLeastSquareSphere {
+class GFIT_EXPORT gfLeastSquareProbedSphere : public gfit::detail::Probed<gfLeastSquareSphere> {
  public:
   gfLeastSquareProbedSphere(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside);
-  void get_distance_and_gradient(double& d, mlVector& g, int i) const override;
-  void get_distance(double& d, int i) const override;
   ~gfLeastSquareProbedSphere() override;
-  void evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
-                      int ld) const override;
-  void evaluate_distances(int first, int count, double* distances, double* squares) const override {
-    evaluate_block(first, count, distances, squares, nullptr, 0);
-  }
-
- private:
-  doublecoDynArr rho_;
 };
 
 // The plain ellipse fit, with the foot point and normal a host needs to offset the closest

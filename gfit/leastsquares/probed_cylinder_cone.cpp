@@ -15,23 +15,8 @@ using gfit::detail::signed_radii;
 
 gfLeastSquareProbedCylinder::gfLeastSquareProbedCylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii,
                                                          int inside)
-    : gfLeastSquareCylinder(points), rho_(signed_radii(radii, points.count(), inside)) {}
+    : Probed(points, signed_radii(radii, points.count(), inside)) {}
 gfLeastSquareProbedCylinder::~gfLeastSquareProbedCylinder() = default;
-
-void gfLeastSquareProbedCylinder::get_distance(double& d, int i) const {
-  gfLeastSquareCylinder::get_distance(d, i);
-  d += rho_[i];
-}
-
-void gfLeastSquareProbedCylinder::get_distance_and_gradient(double& d, mlVector& g, int i) const {
-  gfLeastSquareCylinder::get_distance_and_gradient(d, g, i);
-  d += rho_[i];
-}
-
-void gfLeastSquareProbedCylinder::evaluate_block(int first, int count, double* distances, double* squares,
-                                                 double* jacobian, int ld) const {
-  offset_block(rho_.data(), first, count, distances, squares, jacobian, ld);
-}
 
 // ---- cone -------------------------------------------------------------------------------
 
@@ -45,26 +30,11 @@ doublecoDynArr signed_radii_per_point(doublecoDynArr const& radii, int n, intcoD
 
 gfLeastSquareProbedCone::gfLeastSquareProbedCone(giPoint3coDynArr const& points, doublecoDynArr const& radii,
                                                  int inside)
-    : gfLeastSquareCone(points), rho_(signed_radii(radii, points.count(), inside)) {}
+    : Probed(points, signed_radii(radii, points.count(), inside)) {}
 gfLeastSquareProbedCone::gfLeastSquareProbedCone(giPoint3coDynArr const& points, doublecoDynArr const& radii,
                                                  intcoDynArr const& inside)
-    : gfLeastSquareCone(points), rho_(signed_radii_per_point(radii, points.count(), inside)) {}
+    : Probed(points, signed_radii_per_point(radii, points.count(), inside)) {}
 gfLeastSquareProbedCone::~gfLeastSquareProbedCone() = default;
-
-void gfLeastSquareProbedCone::get_distance(double& d, int i) const {
-  gfLeastSquareCone::get_distance(d, i);
-  d += rho_[i];
-}
-
-void gfLeastSquareProbedCone::get_distance_and_gradient(double& d, mlVector& g, int i) const {
-  gfLeastSquareCone::get_distance_and_gradient(d, g, i);
-  d += rho_[i];
-}
-
-void gfLeastSquareProbedCone::evaluate_block(int first, int count, double* distances, double* squares,
-                                             double* jacobian, int ld) const {
-  offset_block(rho_.data(), first, count, distances, squares, jacobian, ld);
-}
 
 // ---- evaluator entries ------------------------------------------------------------------
 

@@ -30,39 +30,20 @@
 #include "gfit/gfit_export.h"
 #include "gfit/leastsquares/cone.h"
 #include "gfit/leastsquares/cylinder.h"
+#include "gfit/leastsquares/probed_problem.h"
 
-class GFIT_EXPORT gfLeastSquareProbedCylinder : public gfLeastSquareCylinder {
+class GFIT_EXPORT gfLeastSquareProbedCylinder : public gfit::detail::Probed<gfLeastSquareCylinder> {
  public:
   gfLeastSquareProbedCylinder(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside);
-  void get_distance_and_gradient(double& d, mlVector& g, int i) const override;
-  void get_distance(double& d, int i) const override;
   ~gfLeastSquareProbedCylinder() override;
-  void evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
-                      int ld) const override;
-  void evaluate_distances(int first, int count, double* distances, double* squares) const override {
-    evaluate_block(first, count, distances, squares, nullptr, 0);
-  }
-  doublecoDynArr const& compensation() const { return rho_; }
-
- private:
-  doublecoDynArr rho_;
+  using Probed::compensation;
 };
 
-class GFIT_EXPORT gfLeastSquareProbedCone : public gfLeastSquareCone {
+class GFIT_EXPORT gfLeastSquareProbedCone : public gfit::detail::Probed<gfLeastSquareCone> {
  public:
   gfLeastSquareProbedCone(giPoint3coDynArr const& points, doublecoDynArr const& radii, int inside);
   // One inside flag per point (a centre touched from within where non-zero).
   gfLeastSquareProbedCone(giPoint3coDynArr const& points, doublecoDynArr const& radii, intcoDynArr const& inside);
-  void get_distance_and_gradient(double& d, mlVector& g, int i) const override;
-  void get_distance(double& d, int i) const override;
   ~gfLeastSquareProbedCone() override;
-  void evaluate_block(int first, int count, double* distances, double* squares, double* jacobian,
-                      int ld) const override;
-  void evaluate_distances(int first, int count, double* distances, double* squares) const override {
-    evaluate_block(first, count, distances, squares, nullptr, 0);
-  }
-  doublecoDynArr const& compensation() const { return rho_; }
-
- private:
-  doublecoDynArr rho_;
+  using Probed::compensation;
 };
