@@ -7,16 +7,18 @@
 // a repeat of the previous point's coordinate. An entry must return, never crash, hang or
 // trip a sanitizer; a refusal must leave its outputs as they were.
 //
-// Each input gets a time budget through the host's cancel flag (GFIT_FUZZ_BUDGET_MS, 20 by
+// Each input gets a time budget through the host's cancel flag (GFIT_FUZZ_BUDGET_MS, 2 by
 // default), so that a search that polls the flag cannot stall the fuzzer; a cancelled fit is
 // an ordinary failure here. The axis searches (cylinder, cone, torus, axis of revolution) and
 // the other multi-start searches run a fixed schedule of some 1e5 solver steps whatever the
-// point count, so on a handful of points they spend most of the budget either way (so do the
-// multi-start ellipse, circle-in-space and sphere searches, in proportion); they get
-// at most kSearchPoints points, which is enough to reach every branch of them (degenerate,
-// refused, determined) and keeps each solver step cheap. The budget still lets a search on
-// fuzzed points run its first phases, and any search that ignores the flag shows as a slow
-// input (-timeout) instead of hiding behind it.
+// point count: under the sanitizers and coverage instrumentation a full search on 16 points
+// takes 20 to 300 ms, so no budget a million inputs can afford lets it finish. They get at
+// most kSearchPoints points, which keeps each solver step cheap; the budget lets a search on
+// fuzzed points run its first phases, and the later ones on the inputs that end them early
+// (degenerate, refused, quickly determined). Cancelling at a random moment is itself worth
+// fuzzing: every search must return cleanly from wherever the flag finds it. A search that
+// ignores the flag shows as a slow input (-timeout) instead of hiding behind it. Longer
+// runs may raise the budget to reach deeper (GFIT_FUZZ_BUDGET_MS=50).
 //
 // The fits run on the calling thread alone (GFIT_FUZZ_THREADS, 1 by default): on at most 48
 // points, starting worker threads under the sanitizers costs more than the work they share,
@@ -182,7 +184,7 @@ class Watchdog {
  public:
   Watchdog() {
     char const* text = std::getenv("GFIT_FUZZ_BUDGET_MS");
-    budget_ms_ = text ? std::atoll(text) : 20;
+    budget_ms_ = text ? std::atoll(text) : 2;
     std::thread([this] {
       for (;;) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -205,7 +207,7 @@ class Watchdog {
   }
   std::atomic<bool> flag_{false};
   std::atomic<long long> start_ms_{-1};
-  long long budget_ms_ = 20;
+  long long budget_ms_ = 2;
 };
 
 void run(Input& in) {
@@ -241,7 +243,11 @@ void run(Input& in) {
     case 9: status = E::evaluate_cylinder(in.p3, in.normals, angle, p3, d3, r, res, k); plain_status = false; break;
     case 10: {
       gfFittedCylindercoDynArr results;
-      status = E::evaluate_multiple_cylinders(in.p3, in.normals, 0.1, angle, 1 + (in.flags >> 5), results);
+      const int count = 1 + (in.flags >> 5);
+      const int found = E::evaluate_multiple_cylinders(in.p3, in.normals, 0.1, angle, count, results);
+      // The number of elements found, each in the results.
+      if (found < 0 || found > count || found != results.count()) fail("evaluate_multiple_cylinders miscounted");
+      status = found > 0;
       plain_status = false;
       break;
     }
@@ -267,7 +273,11 @@ void run(Input& in) {
     case 22: status = E::evaluate_cone(in.p3, in.normals, angle, p3, d3, ang, res, k); plain_status = false; break;
     case 23: {
       gfFittedConecoDynArr results;
-      status = E::evaluate_multiple_cones(in.p3, in.normals, 0.1, angle, 1 + (in.flags >> 5), results);
+      const int count = 1 + (in.flags >> 5);
+      const int found = E::evaluate_multiple_cones(in.p3, in.normals, 0.1, angle, count, results);
+      // The number of elements found, each in the results.
+      if (found < 0 || found > count || found != results.count()) fail("evaluate_multiple_cones miscounted");
+      status = found > 0;
       plain_status = false;
       break;
     }

@@ -248,11 +248,14 @@ void initial_solution(giPoint3coDynArr const& points, std::vector<CircleAlongDir
               v = directions[i];
               next_angle = 1.5 * gradient.step_angle();
             }
-            if (budget && (i & 63) == 63 && !budget->charge(64 * circle_work(circle_steps) * n)) stopped = true;
+            // Without a budget (the guess of another search) the host's flag is still polled.
+            if ((i & 63) == 63 && (budget ? !budget->charge(64 * circle_work(circle_steps) * n)
+                                          : gfit::detail::cancelled()))
+              stopped = true;
             return !(best < kRound * size) && !stopped;  // round enough: walk no further
           });
       if (budget) budget->charge((fitted_count & 63) * circle_work(circle_steps) * n);
-      if (stopped || (budget && !budget->go_on())) break;
+      if (stopped || (budget ? !budget->go_on() : gfit::detail::cancelled())) break;
       angle = next_angle;  // pi again when nothing improved
       if (old_v.unit().dot(v.unit()) > 0.99) break;
       steps = std::max(2, static_cast<int>(std::sqrt(static_cast<double>(steps))));

@@ -215,6 +215,7 @@ int gfCalculateLeastSquareEllipse(giPoint2coDynArr const& points, giPoint2& cent
   std::vector<double> sums(100);
 
   for (int pass = 0; pass < 20; ++pass) {
+    if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
     if (pass == 0) {
       giPoint2 cc;
       double r = 0.0, rms = 0.0;

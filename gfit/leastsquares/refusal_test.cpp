@@ -313,6 +313,43 @@ TEST(Refusals, EveryEntryRefusesWhatThePointsDoNotDetermineAndSaysWhy) {
   }
 }
 
+// A host that has already set its flag: every search stops before its first candidate, says
+// "cancelled" and writes nothing, on data that hold its element.
+TEST(Refusals, EverySearchStopsOnTheHostsFlag) {
+  Data const& d = data();
+  const int n = 12;
+  giPoint2coDynArr ellipse_points;
+  for (int i = 0; i < n; ++i) ellipse_points.append(giPoint2(1 + 5 * std::cos(0.5 * i), 2 + 3 * std::sin(0.5 * i)));
+  giPoint3coDynArr ellipse_in_space;
+  for (giPoint2 const& q : ellipse_points) ellipse_in_space.append(giPoint3(q.x() + 1, q.x() - 1 + 1, 3 + q.y()));
+  const std::vector<Case> searches = {
+      {"sphere", "sphere", sphere(d.sphere), gfReason::cancelled},
+      {"probed sphere", "sphere", probed_sphere(d.sphere, radii(n)), gfReason::cancelled},
+      {"ellipse", "ellipse", ellipse(ellipse_points), gfReason::cancelled},
+      {"ellipse2", "ellipse", ellipse_in_plane(ellipse_in_space), gfReason::cancelled},
+      {"cylinder", "cylinder", cylinder(d.cylinder), gfReason::cancelled, Mark::direction},
+      {"cylinder with normals", "cylinder", cylinder_normals(d.cylinder, d.cylinder_normals), gfReason::cancelled,
+       Mark::direction},
+      {"multiple cylinders", "cylinder", cylinders(d.cylinder), gfReason::cancelled},
+      {"probed cylinder", "cylinder", probed_cylinder(d.cylinder, radii(n)), gfReason::cancelled},
+      {"cone", "cone", cone(d.cone), gfReason::cancelled},
+      {"cone with normals", "cone", cone_normals(d.cone, d.cone_normals), gfReason::cancelled},
+      {"multiple cones", "cone", cones(d.cone), gfReason::cancelled},
+      {"probed cone", "cone", probed_cone(d.cone, radii(n)), gfReason::cancelled},
+      {"torus", "torus", torus(d.torus), gfReason::cancelled},
+      {"probed torus", "torus", probed_torus(d.torus, radii(n)), gfReason::cancelled},
+  };
+  CancelFlag cancel;
+  cancel.flag = true;
+  for (Case const& c : searches) {
+    SCOPED_TRACE(c.entry);
+    Outputs o;
+    EXPECT_EQ(c.fit(o), 0);
+    EXPECT_EQ(gfLastReason(), c.reason) << gfLastReasonText();
+    expect_untouched(o, c.mark);
+  }
+}
+
 TEST(Refusals, DirectFitsUseTheirOwnStatusNames) {
   Data const& d = data();
   using S = gfDirectFitStatus;

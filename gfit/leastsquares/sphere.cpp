@@ -67,6 +67,7 @@ double gfLeastSquareSphere::evaluate_radius(giPoint3 const& centre) const {
 }
 
 bool gfit::detail::sphere_determined(mlVector const& best, double value, double ratio, PointSpread const& spread) {
+  if (cancelled()) return refuse(gfReason::cancelled) != 0;
   if (!(value < DBL_MAX)) return refuse(gfReason::no_convergence) != 0;
   if (!(best[3] > 0.0)) return refuse(gfReason::failed, "the sphere's radius is not positive") != 0;
   if (!within_size_bound(best[3], spread.extent) || !determined(ratio)) return refuse(gfReason::not_determined) != 0;
@@ -80,7 +81,7 @@ double gfit::detail::sphere_restarts(gfLeastSquareSphere& problem, mlVector& bes
   mlVector start(4), candidate(4), result(4);
   best.resize(4);
   mlRandom random(1);
-  for (int pass = 0; pass < 20; ++pass) {
+  for (int pass = 0; pass < 20 && !cancelled(); ++pass) {
     if (pass == 0) {
       // Three times the range, not the mean distance: a start from outside the points.
       start = mlVector{c.x(), c.y(), c.z(), R};

@@ -193,7 +193,11 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
     return tol * (std::sqrt(s) + tol);
   };
 
+  // The factor's SVD is kept while the factor stands: a rejected trial only shrinks the trust
+  // radius, so it needs no new one (and the storage is allocated once per fit).
   Eigen::MatrixXd a_mat(m, m);
+  Eigen::JacobiSVD<Eigen::MatrixXd> svd(m, m, Eigen::ComputeFullU | Eigen::ComputeFullV);
+  bool factor_changed = true;
   Eigen::VectorXd g(m), a(m), zc(m), z(m);
   mlVector trial(m);
   double delta = -1.0;  // trust radius; the first step is the Gauss-Newton step
@@ -215,15 +219,18 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
       break;
     }
     // The scaled factor R D^-1 and the residual projected onto J's range (Q^T r).
-    for (int i = 0; i < m; ++i) {
-      for (int j = 0; j < m; ++j) a_mat(i, j) = j >= i ? acc.r(i, j) / D[j] : 0.0;
-      g[i] = acc.r(i, m);
+    if (factor_changed) {
+      for (int i = 0; i < m; ++i) {
+        for (int j = 0; j < m; ++j) a_mat(i, j) = j >= i ? acc.r(i, j) / D[j] : 0.0;
+        g[i] = acc.r(i, m);
+      }
+      svd.compute(a_mat, Eigen::ComputeFullU | Eigen::ComputeFullV);
+      a.noalias() = svd.matrixU().transpose() * g;
+      factor_changed = false;
     }
-    Eigen::JacobiSVD<Eigen::MatrixXd> svd(a_mat, Eigen::ComputeFullU | Eigen::ComputeFullV);
     Eigen::VectorXd const& sigma = svd.singularValues();
     int r = 0;
     while (r < rank_limit && sigma[r] > kRankTolerance * sigma[0]) ++r;
-    a.noalias() = svd.matrixU().transpose() * g;
     double predicted_gn = 0.0;
     for (int i = 0; i < r; ++i) predicted_gn += a[i] * a[i];
 
@@ -298,6 +305,7 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
       p = trial;
       ssr = ssr_trial;
       std::swap(acc, trial_acc);
+      factor_changed = true;
       last_polish = gn_norm;
       ++polish_steps;
       continue;
@@ -315,6 +323,7 @@ double mlLevenbergMarquardt::fit(mlVector const& start, mlVector& result) {
       p = trial;
       ssr = ssr_trial;
       std::swap(acc, trial_acc);
+      factor_changed = true;
     } else {
       problem_.set_parameters(p);
     }

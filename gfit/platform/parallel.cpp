@@ -34,7 +34,7 @@ int threads_for(int items, double cost) {
   return threads < 1 ? 1 : threads;
 }
 
-void parallel_for(int n, int threads, std::function<void(int, int)> const& body) {
+void parallel_for_on_threads(int n, int threads, std::function<void(int, int)> const& body) {
   if (threads <= 1 || n <= 1) {
     for (int i = 0; i < n; ++i) body(i, 0);
     return;

@@ -34,9 +34,20 @@ GFIT_EXPORT int force_threads_for_testing(int n);
 // started: a test reads it before and after a fit to see that the threads really worked.
 GFIT_EXPORT long long work_done_by_workers();
 
+// parallel_for's threaded part: n > 1 items over threads > 1 threads.
+GFIT_EXPORT void parallel_for_on_threads(int n, int threads, std::function<void(int, int)> const& body);
+
 // Calls body(i, worker) for every i in [0, n), spread over `threads` threads (the calling
 // thread included); `worker` in [0, threads) names the thread, for its own scratch space.
-// Returns when all are done.
-GFIT_EXPORT void parallel_for(int n, int threads, std::function<void(int, int)> const& body);
+// Returns when all are done. On one thread the body is called in place: the searches call
+// this once per candidate, and wrapping each call costs more than a small candidate.
+template <class Body>
+void parallel_for(int n, int threads, Body&& body) {
+  if (threads <= 1 || n <= 1) {
+    for (int i = 0; i < n; ++i) body(i, 0);
+    return;
+  }
+  parallel_for_on_threads(n, threads, std::function<void(int, int)>(std::ref(body)));
+}
 
 }  // namespace gfit::detail
