@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <fstream>
 #include <functional>
+#include <iterator>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -236,6 +238,38 @@ TEST(SurfaceKernel, NormalsPointOutOfTheSolidAlsoAfterAFileRoundTrip) {
       expect_outward(*back, probes, ext);
       std::remove(path.c_str());
     }
+  }
+}
+
+// A part drawn in inches comes back in millimetres: a reader that took the file's numbers
+// as millimetres would give a box 25.4 times too small.
+TEST(SurfaceKernel, FilesInInchesAreReadInMillimetres) {
+  tskSurfPtr part = box(giPoint3(1, 2, 3), 10, 20, 30);
+  for (char const* ext : {".step", ".iges"}) {
+    SCOPED_TRACE(ext);
+    std::string path = scratch_path("gfit_inches", ext);
+    ASSERT_TRUE(write_in_inches(part, path));
+    if (std::string(ext) == ".step") {
+      std::ifstream in(path);
+      std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      EXPECT_NE(text.find("'INCH'"), std::string::npos) << "the file is not in inches";
+    }
+    std::string error;
+    tskSurfPtr back = tskSurf::read(path, error);
+    ASSERT_TRUE(back) << error;
+    giBox3 const b = back->box();
+    EXPECT_NEAR(b.min().x(), 1.0, 1e-4);
+    EXPECT_NEAR(b.min().y(), 2.0, 1e-4);
+    EXPECT_NEAR(b.min().z(), 3.0, 1e-4);
+    EXPECT_NEAR(b.max().x(), 11.0, 1e-4);
+    EXPECT_NEAR(b.max().y(), 22.0, 1e-4);
+    EXPECT_NEAR(b.max().z(), 33.0, 1e-4);
+    tskSurfPointList feet;
+    back->project(giPoint3(6, 12, 40), feet);
+    ASSERT_GT(feet.count(), 0);
+    EXPECT_NEAR(feet[0].distance, 7.0, 1e-6);
+    EXPECT_LT(feet[0].point.distance(giPoint3(6, 12, 33)), 1e-6);
+    std::remove(path.c_str());
   }
 }
 

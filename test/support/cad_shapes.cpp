@@ -18,6 +18,12 @@
 #include <Geom_Curve.hxx>
 #include <GC_MakeCircle.hxx>
 #include <GeomAPI_PointsToBSplineSurface.hxx>
+#include <IGESControl_Writer.hxx>
+#include <Interface_Static.hxx>
+#include <Message.hxx>
+#include <Message_Messenger.hxx>
+#include <Message_PrinterOStream.hxx>
+#include <STEPControl_Writer.hxx>
 #include <Geom_BSplineSurface.hxx>
 #include <TColgp_Array2OfPnt.hxx>
 #include <TopExp_Explorer.hxx>
@@ -146,5 +152,26 @@ tskSurfPtr as_bspline(tskSurfPtr const& surface) {
 tskSurfPtr from_own_shape(tskSurfPtr const& surface) { return tskSurfFromShape(tskSurfShape(*surface)); }
 
 tskSurfPtr no_faces() { return tskSurfFromShape(BRepBuilderAPI_MakeVertex(gp_Pnt(1, 2, 3)).Shape()); }
+
+bool write_in_inches(tskSurfPtr const& surface, std::string const& path) {
+  // OpenCASCADE's writers report their transfers on standard output, into the test's log.
+  Message::DefaultMessenger()->RemovePrinters(STANDARD_TYPE(Message_PrinterOStream));
+  TopoDS_Shape const& shape = tskSurfShape(*surface);
+  if (path.size() > 5 && path.compare(path.size() - 5, 5, ".iges") == 0) {
+    IGESControl_Writer writer("IN", 1);
+    return writer.AddShape(shape) && (writer.ComputeModel(), writer.Write(path.c_str()));
+  }
+  // The models are in millimetres; the writer converts them to the unit it is given. The
+  // first writer of a process sets up the STEP settings, and a writer takes the unit when it
+  // is made: the unit is set between the two.
+  { STEPControl_Writer set_up; }
+  Interface_Static::SetCVal("xstep.cascade.unit", "MM");
+  Interface_Static::SetCVal("write.step.unit", "INCH");
+  STEPControl_Writer writer;
+  const bool written =
+      writer.Transfer(shape, STEPControl_AsIs) == IFSelect_RetDone && writer.Write(path.c_str()) == IFSelect_RetDone;
+  Interface_Static::SetCVal("write.step.unit", "MM");
+  return written;
+}
 
 }  // namespace gfit::testing

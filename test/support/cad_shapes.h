@@ -2,6 +2,7 @@
 // benchmarks. Lengths in millimetres. Callers need no OpenCASCADE header.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "gfit/cad/surface.h"
@@ -47,5 +48,9 @@ tskSurfPtr as_bspline(tskSurfPtr const& surface);
 tskSurfPtr from_own_shape(tskSurfPtr const& surface);
 // A surface without faces (a single vertex).
 tskSurfPtr no_faces();
+
+// Writes `surface` to a STEP or IGES file (by the extension of `path`) whose length unit is
+// the inch, as a CAD system set to inches would: the file's numbers are the millimetres / 25.4.
+bool write_in_inches(tskSurfPtr const& surface, std::string const& path);
 
 }  // namespace gfit::testing
