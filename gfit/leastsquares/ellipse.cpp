@@ -255,6 +255,8 @@ int gfCalculateLeastSquareEllipse(giPoint2coDynArr const& points, giPoint2& cent
                       gfit::detail::determined(gfit::detail::determination(lm, problem, 4, 4));
     }
   }
+  // A flag set during the last pass: its fit was cut short, and the search with it.
+  if (gfit::detail::cancelled()) return refuse(gfReason::cancelled);
   if (best == DBL_MAX) return refuse(gfReason::no_convergence);  // every fit ended without a finite sum
   double a = std::fabs(kept[0]), b = std::fabs(kept[1]), theta = kept[4];
   if (!gfit::detail::within_size_bound(std::fmax(a, b), spread.extent)) return refuse(gfReason::not_determined);
