@@ -95,41 +95,24 @@ bool read_points(std::istream& in, int columns, PointTable& table, std::string& 
   };
 
   try {
-    static constexpr std::streamsize chunk = 1 << 16;
-    std::unique_ptr<char[]> buffer(new char[chunk]);
-    for (;;) {
-      in.read(buffer.get(), chunk);
-      const std::streamsize got = in.gcount();
-      if (got <= 0) break;
-      for (std::streamsize k = 0; k < got; ++k) {
-        const char c = buffer[k];
-        ++column;
-        if (c == '\0') {
-          error = where() + ", column " + std::to_string(column) + ": a NUL byte";
-          return fail();
-        }
-        if (c == '\n') {
-          if (!end_line()) return fail();
-        } else if (comment) {
-          continue;
-        } else if (c == '#') {
-          if (!end_field()) return fail();
-          comment = true;
-        } else if (is_space(c)) {
-          if (!end_field()) return fail();
-        } else if (field_length == max_field_chars) {
-          error = where() + ", column " + std::to_string(column) + ": a field longer than " +
-                  std::to_string(max_field_chars) + " characters";
-          return fail();
-        } else {
-          field[field_length++] = c;
-        }
+    const bool read = detail::scan_bytes(in, column, where, error, [&](char c) -> bool {
+      if (c == '\n') return end_line();
+      if (comment) return true;
+      if (c == '#') {
+        if (!end_field()) return false;
+        comment = true;
+        return true;
       }
-    }
-    if (in.bad()) {
-      error = "read error";
-      return fail();
-    }
+      if (is_space(c)) return end_field();
+      if (field_length == max_field_chars) {
+        error = where() + ", column " + std::to_string(column) + ": a field longer than " +
+                std::to_string(max_field_chars) + " characters";
+        return false;
+      }
+      field[field_length++] = c;
+      return true;
+    });
+    if (!read) return fail();
     if (!end_line()) return fail();  // a last line without its newline
     store.move_to(table.values);
   } catch (std::bad_alloc const&) {

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <istream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,5 +41,35 @@ bool parse_number(char const* text, int n, double& value);
 
 // `text` with every byte outside printable ASCII written as \xNN.
 std::string printable(char const* text, int n);
+
+// Reads `in` to its end in 64 KB blocks and hands each byte to on_byte(c) ('\n' included),
+// counting it in `column` first (the caller resets `column` at each new line). A text reader
+// never holds more than its own line state, however long a line is. Returns false when
+// on_byte does (which has said why in `error`), at a NUL byte, which no text format allows
+// ("<where()>, column N: a NUL byte"), and on a read error.
+template <class Where, class OnByte>
+bool scan_bytes(std::istream& in, std::int64_t& column, Where const& where, std::string& error, OnByte&& on_byte) {
+  static constexpr std::streamsize chunk = 1 << 16;
+  std::unique_ptr<char[]> buffer(new char[chunk]);
+  for (;;) {
+    in.read(buffer.get(), chunk);
+    const std::streamsize got = in.gcount();
+    if (got <= 0) break;
+    for (std::streamsize k = 0; k < got; ++k) {
+      const char c = buffer[k];
+      ++column;
+      if (c == '\0') {
+        error = where() + ", column " + std::to_string(column) + ": a NUL byte";
+        return false;
+      }
+      if (!on_byte(c)) return false;
+    }
+  }
+  if (in.bad()) {
+    error = "read error";
+    return false;
+  }
+  return true;
+}
 
 }  // namespace gfit::cli::detail

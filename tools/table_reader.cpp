@@ -376,40 +376,26 @@ bool TableReader::row() {
 
 bool TableReader::read(std::istream& in, PointTable& points, PointTable& normals) {
   std::string text;
-  static constexpr std::streamsize chunk = 1 << 16;
-  std::unique_ptr<char[]> buffer(new char[chunk]);
   line_ = 1;
   std::int64_t column = 0;
-  for (;;) {
-    in.read(buffer.get(), chunk);
-    const std::streamsize got = in.gcount();
-    if (got <= 0) break;
-    for (std::streamsize k = 0; k < got; ++k) {
-      const char c = buffer[k];
-      ++column;
-      if (c == '\0') {
-        error_ = where() + ", column " + std::to_string(column) + ": a NUL byte";
-        return false;
-      }
-      if (c == '\n') {
-        if (line_ == 1 && text.compare(0, 3, "\xef\xbb\xbf") == 0) text.erase(0, 3);  // a byte-order mark
-        if (!line(text)) return false;
-        text.clear();
-        ++line_;
-        column = 0;
-      } else if (text.size() == max_preamble_chars) {
-        error_ = where() + ", column " + std::to_string(column) + ": a line longer than " +
-                 std::to_string(max_preamble_chars) + " characters";
-        return false;
-      } else {
-        text += c;
-      }
+  const bool read = detail::scan_bytes(in, column, [this] { return where(); }, error_, [&](char c) -> bool {
+    if (c == '\n') {
+      if (line_ == 1 && text.compare(0, 3, "\xef\xbb\xbf") == 0) text.erase(0, 3);  // a byte-order mark
+      if (!line(text)) return false;
+      text.clear();
+      ++line_;
+      column = 0;
+      return true;
     }
-  }
-  if (in.bad()) {
-    error_ = "read error";
-    return false;
-  }
+    if (text.size() == max_preamble_chars) {
+      error_ = where() + ", column " + std::to_string(column) + ": a line longer than " +
+               std::to_string(max_preamble_chars) + " characters";
+      return false;
+    }
+    text += c;
+    return true;
+  });
+  if (!read) return false;
   if (line_ == 1 && text.compare(0, 3, "\xef\xbb\xbf") == 0) text.erase(0, 3);
   if (!line(text)) return false;  // a last line without its newline
   if (sep_ == 0 && !pending_.empty()) {
